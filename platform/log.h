@@ -1,0 +1,33 @@
+// Diagnostics of the daemon. Every message goes through liblog into the system
+// log buffer; on a Linux host a logger installed by vorn_log_init() prints each
+// message on stderr in logcat's threadtime layout.
+#pragma once
+
+#include <android/log.h>
+
+#define VORN_LOG_TAG "vornd"
+#define VORN_DP_TAG "DumpParser"
+
+#define VLOG(prio, ...) __android_log_buf_print(LOG_ID_SYSTEM, (prio), VORN_LOG_TAG, __VA_ARGS__)
+#define VLOGD(...) VLOG(ANDROID_LOG_DEBUG, __VA_ARGS__)
+#define VLOGI(...) VLOG(ANDROID_LOG_INFO, __VA_ARGS__)
+#define VLOGW(...) VLOG(ANDROID_LOG_WARN, __VA_ARGS__)
+#define VLOGE(...) VLOG(ANDROID_LOG_ERROR, __VA_ARGS__)
+
+// The dump parser logs under its own tag.
+#define DPLOG(prio, ...) __android_log_buf_print(LOG_ID_SYSTEM, (prio), VORN_DP_TAG, __VA_ARGS__)
+#define DPLOGD(...) DPLOG(ANDROID_LOG_DEBUG, __VA_ARGS__)
+#define DPLOGI(...) DPLOG(ANDROID_LOG_INFO, __VA_ARGS__)
+#define DPLOGE(...) DPLOG(ANDROID_LOG_ERROR, __VA_ARGS__)
+
+// Installs the process logger. On Android liblog's own logd logger stays; on a
+// host every priority, debug included, is printed on stderr. Idempotent.
+void vorn_log_init();
+
+// The host logger itself, exposed so that a test can restore it after
+// installing a capturing logger of its own.
+void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message);
+
+// Formats one threadtime line ("MM-DD HH:MM:SS.mmm  PID  TID P TAG     : msg\n")
+// into out; returns the length written (always terminated, cut to out_len - 1).
+int vorn_log_format_line(char *out, int out_len, int prio, const char *tag, const char *message);
