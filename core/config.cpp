@@ -1,0 +1,286 @@
+#include "core/config.h"
+
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/gbl_config.h"
+#include "platform/log.h"
+#include "platform/root.h"
+
+xmlDocPtr vorn_conf_doc = nullptr;
+xmlNodePtr vorn_conf_root = nullptr;
+
+namespace {
+
+struct xml_free_deleter {
+    void operator()(xmlChar *p) const { xmlFree(p); }
+};
+using xml_text = std::unique_ptr<xmlChar, xml_free_deleter>;
+
+// libxml2 reports parse problems through its own error channel, which would
+// otherwise print raw text on stderr; keep them in the daemon's log instead.
+void xml_error_to_log(void *, xmlErrorPtr err) {
+    if (err == nullptr || err->message == nullptr)
+        return;
+    VLOGD("libxml2: %s:%d: %s", err->file ? err->file : "", err->line, err->message);
+}
+
+xml_text get_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name) {
+    xmlChar *v = nullptr;
+    if (el != nullptr)
+        v = xmlGetProp(el, BAD_CAST name);
+    if (v == nullptr && fallback != nullptr)
+        v = xmlGetProp(fallback, BAD_CAST name);
+    return xml_text(v);
+}
+
+unsigned long count_children(xmlNodePtr root) {
+    return root ? xmlChildElementCount(root) : 0;
+}
+
+}  // namespace
+
+int read_xml_file(const char *path, xmlDocPtr *doc, xmlNodePtr *root) {
+    xmlSetStructuredErrorFunc(nullptr, xml_error_to_log);
+    xmlKeepBlanksDefault(0);
+    std::string real = vorn_path(path);
+    xmlDocPtr d = xmlReadFile(real.c_str(), "UTF-8", XML_PARSE_RECOVER);
+    if (d == nullptr) {
+        VLOGE("Can't open xml file (%s). err is %s", path, strerror(errno));
+        return -1;
+    }
+    xmlNodePtr r = xmlDocGetRootElement(d);
+    if (r == nullptr) {
+        xmlFreeDoc(d);
+        xmlCleanupParser();
+        VLOGE("Can't read root node. err is %s", strerror(errno));
+        return -1;
+    }
+    *doc = d;
+    *root = r;
+    return 0;
+}
+
+int get_int_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name, void *dest) {
+    xml_text v = get_attr(el, fallback, name);
+    if (v == nullptr)
+        return -1;
+    int32_t n = atoi(reinterpret_cast<const char *>(v.get()));
+    memcpy(dest, &n, sizeof n);
+    return 0;
+}
+
+int get_text_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name, void *dest, size_t n) {
+    xml_text v = get_attr(el, fallback, name);
+    if (v == nullptr)
+        return -1;
+    const char *text = reinterpret_cast<const char *>(v.get());
+    if (n > 0) {
+        snprintf(static_cast<char *>(dest), n, "%s", text);
+    } else {
+        char **owned = static_cast<char **>(dest);
+        free(*owned);
+        *owned = strdup(text);
+    }
+    return 0;
+}
+
+void vorn_config_fill_global(xmlNodePtr global) {
+    char *base = reinterpret_cast<char *>(&gbl_config);
+    gbl_config.type = 0;
+    if (get_int_attr(global, nullptr, "enable", base + offsetof(gbl_config_t, enable)) < 0) {
+        gbl_config.enable = 1;
+    }
+    if (get_int_attr(global, nullptr, "loglevel", base + offsetof(gbl_config_t, loglevel)) < 0) {
+        gbl_config.loglevel = 0;
+    }
+    if (get_int_attr(global, nullptr, "time", base + offsetof(gbl_config_t, time)) < 0) {
+        int32_t v = -1;
+        memcpy(base + offsetof(gbl_config_t, time), &v, sizeof v);
+    }
+    if (get_int_attr(global, nullptr, "size", base + offsetof(gbl_config_t, size)) < 0) {
+        int32_t v = -1;
+        memcpy(base + offsetof(gbl_config_t, size), &v, sizeof v);
+    }
+    if (get_text_attr(global, nullptr, "log_path", gbl_config.log_path,
+                      sizeof(gbl_config.log_path)) < 0) {
+        snprintf(gbl_config.log_path, sizeof(gbl_config.log_path), "%s", VORN_DEFAULT_LOG_PATH);
+    }
+}
+
+void vorn_config_fill_node(vorn_node *node, int slot, xmlNodePtr el, xmlNodePtr global) {
+    // The integers are stored as whole 32-bit values at the field's place, in
+    // this order: enable, loglevel and logtype keep their low 8 bits, and a
+    // logtype value overlays the low 24 bits of time with its bits 8-31.
+    char *base = reinterpret_cast<char *>(node);
+    pthread_mutex_init(&node->lock, nullptr);
+    node->worker_thread = 0;
+    node->logid = static_cast<uint8_t>(slot);
+    get_int_attr(el, global, "enable", base + offsetof(vorn_node, enable));
+    get_int_attr(el, global, "loglevel", base + offsetof(vorn_node, loglevel));
+    get_int_attr(el, global, "time", base + offsetof(vorn_node, time));
+    get_int_attr(el, global, "size", base + offsetof(vorn_node, size));
+    get_int_attr(el, global, "logtype", base + offsetof(vorn_node, logtype));
+    get_text_attr(el, global, "logname", node->logname, sizeof(node->logname));
+    get_text_attr(el, global, "mask", node->mask, sizeof(node->mask));
+    get_text_attr(el, global, "mask_link", &node->mask_link, 0);
+    get_text_attr(el, global, "log_provider", &node->log_provider, 0);
+    get_text_attr(el, global, "log_filepath", &node->log_filepath, 0);
+    node->pending_change = 1;
+}
+
+int copy_file(const char *dest, const char *src) {
+    std::string rsrc = vorn_path(src);
+    std::string rdest = vorn_path(dest);
+    int in = open(rsrc.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        VLOGE("Can't open file %s. err is %s", src, strerror(errno));
+        return -1;
+    }
+    int out = open(rdest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+    if (out < 0) {
+        VLOGE("Can't open file %s. err is %s", dest, strerror(errno));
+        close(in);
+        return -1;
+    }
+    char buf[1024];
+    int ret = 0;
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof buf);
+        if (n <= 0)
+            break;  // end of file, or a read error: the copy ends either way
+        ssize_t w = write(out, buf, static_cast<size_t>(n));
+        if (w != n) {
+            VLOGE("%s: Failed to write file\n", "copy_file");
+            ret = -1;
+            break;
+        }
+    }
+    close(in);
+    close(out);
+    return ret;
+}
+
+int vorn_config_choose() {
+    std::unique_ptr<char, decltype(&free)> required(nullptr, free);
+    {
+        std::string sys = vorn_path(VORN_SYSTEM_CONF);
+        if (access(sys.c_str(), F_OK) != 0) {
+            VLOGE("Can't find %s", VORN_SYSTEM_CONF);
+            return -1;
+        }
+        xmlDocPtr sdoc;
+        xmlNodePtr sroot;
+        if (read_xml_file(VORN_SYSTEM_CONF, &sdoc, &sroot) < 0)
+            return -1;
+        xml_text v(xmlGetProp(sroot, BAD_CAST "version"));
+        if (v) {
+            VLOGD("Current system configuration file version %s",
+                  reinterpret_cast<char *>(v.get()));
+            required.reset(strdup(reinterpret_cast<char *>(v.get())));
+        }
+        xmlFreeDoc(sdoc);
+        xmlCleanupParser();
+    }
+
+    bool revert = true;
+    xmlDocPtr doc = nullptr;
+    xmlNodePtr root = nullptr;
+    std::string work = vorn_path(VORN_WORK_CONF);
+    if (access(work.c_str(), F_OK) == 0 && read_xml_file(VORN_WORK_CONF, &doc, &root) == 0) {
+        revert = false;
+        if (required) {
+            xml_text current(xmlGetProp(root, BAD_CAST "version"));
+            if (!current) {
+                revert = true;  // silently: a working copy without version is stale
+            } else if (strcmp(required.get(), reinterpret_cast<char *>(current.get())) != 0) {
+                VLOGE("Configuration file version desn't match.  System requirement %s, current %s",
+                      required.get(), reinterpret_cast<char *>(current.get()));
+                revert = true;
+            }
+        }
+        if (revert)
+            xmlFreeDoc(doc);
+    }
+
+    unsigned long count = 0;
+    if (!revert) {
+        count = count_children(root);
+        if (count != 0) {
+            VLOGI("Total %d vornd nodes", static_cast<int>(count));
+        } else {
+            VLOGE("No log entry in log configuration file. Revert to default configuration file.");
+            xmlFreeDoc(doc);
+            revert = true;
+        }
+    }
+    if (revert) {
+        copy_file(VORN_WORK_CONF, VORN_SYSTEM_CONF);
+        if (read_xml_file(VORN_WORK_CONF, &doc, &root) < 0)
+            return -1;
+        count = count_children(root);
+        if (count == 0) {
+            VLOGE("No log entry in log configuration file.");
+            return -1;
+        }
+    }
+    vorn_conf_doc = doc;
+    vorn_conf_root = root;
+    return count > 0x7fffffff ? 0x7fffffff : static_cast<int>(count);
+}
+
+xmlNodePtr vorn_config_find_element(const char *name) {
+    if (vorn_conf_root == nullptr || name == nullptr)
+        return nullptr;
+    for (xmlNodePtr c = vorn_conf_root->children; c != nullptr; c = c->next) {
+        if (c->type == XML_ELEMENT_NODE && xmlStrcmp(c->name, BAD_CAST name) == 0)
+            return c;
+    }
+    return nullptr;
+}
+
+int vorn_config_save() {
+    if (vorn_conf_doc == nullptr)
+        return -1;
+    // Save into a temporary file beside the working copy and rename it over,
+    // so that the working copy is always either the old or the new document.
+    std::string work = vorn_path(VORN_WORK_CONF);
+    // One temporary name per thread: the socket thread and the dispatcher may save at once.
+    std::string tmp = work + ".tmp." + std::to_string(static_cast<long>(syscall(SYS_gettid)));
+    if (xmlSaveFormatFileEnc(tmp.c_str(), vorn_conf_doc, "UTF-8", 1) < 0) {
+        unlink(tmp.c_str());
+        return -1;
+    }
+    int fd = open(tmp.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+    if (rename(tmp.c_str(), work.c_str()) != 0) {
+        unlink(tmp.c_str());
+        return -1;
+    }
+    std::string dir = work;
+    fd = open(dirname(dir.data()), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+    return 0;
+}
+
+void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value) {
+    if (el == nullptr)
+        return;
+    xmlSetProp(el, BAD_CAST name, BAD_CAST value);
+    vorn_config_save();
+}

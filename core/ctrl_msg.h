@@ -1,0 +1,53 @@
+// The control message: every request and every reply on the control socket is
+// exactly these 256 bytes. Shared by the daemon and vornctl.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#define VORN_MSG_SIZE 256
+#define VORN_MSG_REPLY 0x80  // bit 7 of msg_type marks a reply
+
+enum vorn_msg_type : uint8_t {
+    VORN_MSG_QUERY_NODE = 1,    // reply 0x81 with the node's fields
+    VORN_MSG_SET_NODE = 2,      // queued for the dispatcher; reply 0x80
+    VORN_MSG_GET_GLOBAL = 3,    // reply: gbl_config in bytes 0-127
+    VORN_MSG_SET_LOG_PATH = 4,  // no reply
+    VORN_MSG_AGENT = 7,         // Debug Agent line in bytes 1-255; no reply
+    VORN_MSG_ARCHIVE = 8,       // zip the directory in mask; no reply
+};
+
+// Bits 1-7 of `enable` in a type-2 request ask the node's worker for a new file.
+#define VORN_ENABLE_BIT 0x01
+#define VORN_NEW_FILE_BITS 0xFE
+
+struct vorn_ctrl_msg {
+    uint8_t msg_type;
+    uint8_t logid;
+    uint8_t enable;
+    uint8_t loglevel;
+    int32_t
+        time;  // little-endian on the wire; the daemon and its clients run on little-endian CPUs
+    int32_t size;
+    char logname[16];
+    char mask[100];
+    uint8_t reserved[128];
+};
+
+static_assert(sizeof(vorn_ctrl_msg) == VORN_MSG_SIZE, "control message is 256 bytes");
+static_assert(offsetof(vorn_ctrl_msg, time) == 4);
+static_assert(offsetof(vorn_ctrl_msg, size) == 8);
+static_assert(offsetof(vorn_ctrl_msg, logname) == 12);
+static_assert(offsetof(vorn_ctrl_msg, mask) == 28);
+static_assert(offsetof(vorn_ctrl_msg, reserved) == 128);
+
+// Types 3 and 4 overlay the message with the layout of gbl_config.
+#define VORN_MSG_GBL_ENABLE_OFF 1
+#define VORN_MSG_GBL_LOGLEVEL_OFF 2
+#define VORN_MSG_GBL_TIME_OFF 3
+#define VORN_MSG_GBL_SIZE_OFF 7
+#define VORN_MSG_GBL_LOG_PATH_OFF 11
+#define VORN_MSG_GBL_LOG_PATH_LEN 117
+
+// Type 7 carries the agent line from byte 1 to the end.
+#define VORN_MSG_AGENT_TEXT_OFF 1

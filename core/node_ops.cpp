@@ -1,0 +1,151 @@
+#include "core/node_ops.h"
+
+#include <pthread.h>
+#include <strings.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "platform/log.h"
+
+vorn_node *vorn_nodes = nullptr;
+int vorn_node_count = 0;
+
+int check_dump_ops(vorn_node *node, const vorn_node_ops *row) {
+    if (node == nullptr || row == nullptr)
+        return -1;
+    if ((node->logtype & VORN_LOGTYPE_DUMP) && row->enable && row->disable && row->work)
+        return 0;
+    return -1;
+}
+
+int check_switch_ops(vorn_node *node, const vorn_node_ops *row) {
+    if (node == nullptr || row == nullptr)
+        return -1;
+    if (row->enable == nullptr || row->disable == nullptr)
+        return -1;
+    // A switch without provider is fine; one with a provider needs a file path.
+    if (node->log_provider == nullptr)
+        return 0;
+    return node->log_filepath != nullptr ? 0 : -1;
+}
+
+int check_capture_ops(vorn_node *node, const vorn_node_ops *row) {
+    if (node == nullptr || row == nullptr)
+        return -1;
+    if (row->enable && row->disable && row->work && node->log_provider && node->log_filepath) {
+        return 0;
+    }
+    return -1;
+}
+
+int set_node_state(vorn_node *node, const vorn_ctrl_msg *cmd) {
+    if (node == nullptr || cmd == nullptr)
+        return -1;
+    node->enable = cmd->enable & VORN_ENABLE_BIT;
+    memset(node->mask, 0, sizeof(node->mask));
+    snprintf(node->mask, sizeof(node->mask), "%.*s", static_cast<int>(sizeof(cmd->mask)),
+             cmd->mask);
+    return 0;
+}
+
+int vorn_node_enable(vorn_node *node, const vorn_ctrl_msg *cmd) {
+    if (node == nullptr || node->ops == nullptr)
+        return -1;
+    VLOGD("%s: enable %s\n", "vorn_node_enable", node->logname);
+    return node->ops->enable ? node->ops->enable(node, cmd) : 0;
+}
+
+int vorn_node_disable(vorn_node *node, const vorn_ctrl_msg *cmd) {
+    if (node == nullptr || node->ops == nullptr)
+        return -1;
+    VLOGD("%s: disable %s\n", "vorn_node_disable", node->logname);
+    return node->ops->disable ? node->ops->disable(node, cmd) : 0;
+}
+
+namespace {
+
+// pthread_setname_np takes at most 15 characters and the terminator.
+void make_thread_name(char (&out)[16], const char *prefix, const char *name) {
+    size_t n = 0;
+    for (const char *s : {prefix, name}) {
+        while (*s != '\0' && n < sizeof(out) - 1)
+            out[n++] = *s++;
+    }
+    out[n] = '\0';
+}
+
+}  // namespace
+
+void vorn_node_create_work_thread(vorn_node *node) {
+    if (node != nullptr && node->logname[0] != '\0') {
+        VLOGD("%s: Create thread for %s\n", "vorn_node_create_work_thread", node->logname);
+    }
+    if (node == nullptr || node->ops == nullptr || node->ops->work == nullptr)
+        return;
+
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) {
+        VLOGE("Failed to initialize thread attribute");
+        return;
+    }
+    if (pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) != 0) {
+        VLOGE("Failed to set thread attribute");
+        pthread_attr_destroy(&attr);
+        return;
+    }
+    pthread_t tid;
+    if (pthread_create(&tid, &attr, node->ops->work, node) != 0) {
+        VLOGE("Failed to create thread");
+        pthread_attr_destroy(&attr);
+        return;
+    }
+    char name[16];
+    make_thread_name(name, "vornd_", node->logname);
+    int rc = pthread_setname_np(tid, name);
+    if (rc != 0)
+        VLOGE("Failed to rename thread name(%s)", strerror(rc));
+    pthread_attr_destroy(&attr);
+}
+
+int start_detached_thread(void *(*routine)(void *), void *arg, const char *name) {
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) {
+        VLOGE("Failed to init thread attribute");
+        return -1;
+    }
+    int ret = 0;
+    pthread_t tid;
+    if (pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) != 0) {
+        VLOGE("Failed to set thread to detach");
+        ret = -1;
+    } else if (pthread_create(&tid, &attr, routine, arg) != 0) {
+        VLOGE("Failed to create thread");
+        ret = -1;
+    } else if (name != nullptr) {
+        char n[16];
+        make_thread_name(n, "", name);
+        int rc = pthread_setname_np(tid, n);
+        if (rc != 0) {
+            VLOGE("Failed to rename thread name(%s)", strerror(rc));
+            ret = -1;
+        }
+    }
+    pthread_attr_destroy(&attr);
+    return ret;
+}
+
+uint8_t find_node_index(const char *logname) {
+    if (logname == nullptr || vorn_node_count < 1 || vorn_nodes == nullptr)
+        return VORN_NO_NODE;
+    // The last probe, slot vorn_node_count, is the extra zeroed record.
+    for (int i = 1; i <= vorn_node_count && i < VORN_NO_NODE; i++) {
+        if (strcmp(logname, vorn_nodes[i].logname) == 0) {
+            VLOGD("find %s at index %d", logname, i);
+            return static_cast<uint8_t>(i);
+        }
+    }
+    return VORN_NO_NODE;
+}
