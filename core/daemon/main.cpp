@@ -1,0 +1,5 @@
+#include "core/daemon/startup.h"
+
+int main(int argc, char **argv) {
+    return vornd_main(argc, argv);
+}
