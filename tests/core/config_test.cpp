@@ -1,0 +1,261 @@
+// Choice of configuration file, revert, and how attributes fill the records.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "core/config.h"
+#include "core/daemon/startup.h"
+#include "core/gbl_config.h"
+#include "core/node.h"
+#include "tests/core/daemon_state.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+class ConfigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        reset_daemon_state();
+        root.mkdir("/data");
+    }
+    void TearDown() override { reset_daemon_state(); }
+
+    void write_system(const std::string &xml) { root.write(VORN_SYSTEM_CONF, xml); }
+    void write_work(const std::string &xml) { root.write(VORN_WORK_CONF, xml); }
+    std::string work() { return root.read(VORN_WORK_CONF); }
+
+    // Loads the chosen document into the node table; returns the element count.
+    int load() {
+        int n = vorn_config_choose();
+        if (n > 0) {
+            EXPECT_EQ(vornd_load_nodes(n), 0);
+        }
+        return n;
+    }
+
+    TempRoot root;
+    LogCapture log;
+};
+
+const std::string kSys = make_conf("1.0", "enable=\"1\"", pipe_node("Dmesg"));
+const std::string kWorkSame = make_conf("1.0", "enable=\"1\"", pipe_node("Dmesg", "mask=\"kept\""));
+
+TEST_F(ConfigTest, SystemCopyIsRequiredEvenWithAValidWorkingCopy) {
+    write_work(kWorkSame);
+    EXPECT_EQ(vorn_config_choose(), -1);
+    EXPECT_TRUE(log.has("Can't find /etc/vorn-conf.xml")) << log.dump();
+    EXPECT_EQ(work(), kWorkSame);
+}
+
+TEST_F(ConfigTest, WorkingCopyWithTheSameVersionIsKept) {
+    write_system(kSys);
+    write_work(kWorkSame);
+    EXPECT_EQ(vorn_config_choose(), 2);
+    EXPECT_TRUE(log.has("Current system configuration file version 1.0"));
+    EXPECT_TRUE(log.has("Total 2 vornd nodes"));
+    EXPECT_EQ(work(), kWorkSame);
+}
+
+TEST_F(ConfigTest, RevertCases) {
+    struct Case {
+        const char *name;
+        std::string system, work;  // work "" = no working file
+        const char *message;       // expected error, or null for a silent revert
+    } cases[] = {
+        {"version differs by one character", kSys,
+         make_conf("1.1", "enable=\"1\"", pipe_node("Dmesg")),
+         "Configuration file version desn't match.  System requirement 1.0, current 1.1"},
+        {"working copy without version", kSys, make_conf(nullptr, "", pipe_node("Dmesg")), nullptr},
+        {"working copy missing", kSys, "", nullptr},
+        {"working copy not XML", kSys, "this is not xml", nullptr},
+        {"working copy empty", kSys, " ", nullptr},
+        {"working copy without children", kSys, "<vornconf version=\"1.0\"></vornconf>",
+         "No log entry in log configuration file. Revert to default configuration file."},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        reset_daemon_state();
+        log.clear();
+        write_system(c.system);
+        unlink(root.at(VORN_WORK_CONF).c_str());
+        if (!c.work.empty())
+            write_work(c.work);
+        EXPECT_EQ(vorn_config_choose(), 2);
+        EXPECT_EQ(work(), c.system);
+        if (c.message) {
+            EXPECT_TRUE(log.has(c.message)) << log.dump();
+        }
+        EXPECT_FALSE(log.has_containing("desn't match") && c.message == nullptr);
+    }
+}
+
+TEST_F(ConfigTest, WithoutSystemVersionTheWorkingCopyIsTakenAsItIs) {
+    write_system(make_conf(nullptr, "", pipe_node("Dmesg")));
+    const std::string w = make_conf("7", "", pipe_node("Dmesg") + pipe_node("RPM"));
+    write_work(w);
+    EXPECT_EQ(vorn_config_choose(), 3);
+    EXPECT_EQ(work(), w);
+    EXPECT_FALSE(log.has_containing("Current system configuration file version"));
+}
+
+TEST_F(ConfigTest, StartUpFailsWhenNothingUsableRemains) {
+    // System copy without children: the revert finds no entries.
+    write_system("<vornconf version=\"1.0\"/>");
+    EXPECT_EQ(vorn_config_choose(), -1);
+    EXPECT_TRUE(log.has("No log entry in log configuration file.")) << log.dump();
+
+    // System copy that does not parse.
+    reset_daemon_state();
+    log.clear();
+    write_system("");
+    write_work(kWorkSame);
+    EXPECT_EQ(vorn_config_choose(), -1);
+    EXPECT_TRUE(log.has_containing("Can't open xml file (/etc/vorn-conf.xml)")) << log.dump();
+}
+
+TEST_F(ConfigTest, GlobalElementDefaults) {
+    write_system(make_conf("1", "", pipe_node("Dmesg")));
+    ASSERT_EQ(load(), 2);
+    EXPECT_EQ(gbl_config.type, 0);
+    EXPECT_EQ(gbl_config.enable, 1);
+    EXPECT_EQ(gbl_config.loglevel, 0);
+    EXPECT_EQ(gbl_config_time(), -1);
+    EXPECT_EQ(gbl_config_size(), -1);
+    EXPECT_STREQ(gbl_config.log_path, "/sdcard/logs/");
+}
+
+TEST_F(ConfigTest, GlobalElementValuesAreCutToTheirFields) {
+    const std::string path(200, 'p');
+    write_system(make_conf(
+        "1", "enable=\"258\" loglevel=\"3\" time=\"7\" size=\"65536\" log_path=\"/" + path + "\"",
+        pipe_node("Dmesg")));
+    ASSERT_EQ(load(), 2);
+    EXPECT_EQ(gbl_config.enable, 2);
+    EXPECT_EQ(gbl_config.loglevel, 3);
+    EXPECT_EQ(gbl_config_time(), 7);
+    EXPECT_EQ(gbl_config_size(), 65536);
+    EXPECT_EQ(std::string(gbl_config.log_path), "/" + path.substr(0, 115));
+}
+
+TEST_F(ConfigTest, NodeFieldEffects) {
+    const std::string longname = "ABCDEFGHIJKLMNOPQRST";  // 20 characters
+    const std::string longmask(150, 'm');
+    write_system(make_conf(
+        "1", "enable=\"1\" time=\"-1\" size=\"4096\"",
+        // logtype 0x12345680: kind 0x80, and bits 8-31 overlay time's low 24 bits.
+        "  <A logname=\"" + longname +
+            "\" enable=\"257\" loglevel=\"514\" logtype=\"305419904\" "
+            "log_provider=\"cat\" log_filepath=\"a/a\" mask=\"" +
+            longmask +
+            "\"/>\n"
+            // time falls back to the global -1; logtype 128 then leaves 0xFF000000.
+            "  <B logname=\"B\" logtype=\"128\" log_provider=\"cat\" log_filepath=\"b/b\"/>\n"
+            "  <C logname=\"C\" time=\"5\" logtype=\"128\" enable=\"abc\" size=\"12x\" "
+            "log_provider=\"cat\" log_filepath=\"c/c\"/>\n"));
+    ASSERT_EQ(load(), 4);
+    ASSERT_EQ(vorn_node_count, 4);
+
+    const vorn_node &a = vorn_nodes[1];
+    EXPECT_EQ(a.logid, 1);
+    EXPECT_STREQ(a.logname, longname.substr(0, 15).c_str());
+    EXPECT_EQ(a.enable, 1);
+    EXPECT_EQ(a.loglevel, 2);
+    EXPECT_EQ(a.logtype, 0x80);
+    EXPECT_EQ(a.time, static_cast<int32_t>(0xFF123456));
+    EXPECT_EQ(a.size, 4096);
+    EXPECT_EQ(std::string(a.mask), longmask.substr(0, 99));
+    EXPECT_EQ(a.pending_change, 1);
+
+    const vorn_node &b = vorn_nodes[2];
+    EXPECT_EQ(b.enable, 1) << "enable falls back to the global element";
+    EXPECT_EQ(b.time, -16777216);
+    EXPECT_EQ(b.mask_link, nullptr);
+
+    const vorn_node &c = vorn_nodes[3];
+    EXPECT_EQ(c.time, 0);
+    EXPECT_EQ(c.enable, 0) << "atoi of a non-number";
+    EXPECT_EQ(c.size, 12);
+    EXPECT_STREQ(c.log_provider, "cat");
+}
+
+TEST_F(ConfigTest, NodeWithoutEnableAnywhereStaysDisabled) {
+    write_system(make_conf(
+        "1", "", "  <Dmesg logname=\"Dmesg\" log_provider=\"x\" log_filepath=\"d/d\"/>\n"));
+    ASSERT_EQ(load(), 2);
+    EXPECT_EQ(vorn_nodes[1].enable, 0);
+    EXPECT_EQ(gbl_config.enable, 1);
+}
+
+TEST_F(ConfigTest, BadInputTakesTheSpecifiedPaths) {
+    std::string many;
+    for (int i = 0; i < 300; i++)
+        many += pipe_node("n" + std::to_string(i));
+    const std::string huge(10000, 'x');
+    struct Case {
+        const char *name;
+        std::string xml;
+        int expect;  // vorn_config_choose() on a system copy alone
+    } cases[] = {
+        {"not XML", "hello world", -1},
+        {"empty", "", -1},
+        // The recover option keeps what parsed before the cut.
+        {"truncated", make_conf("1", "", pipe_node("Dmesg")).substr(0, 90), 2},
+        {"300 children", make_conf("1", "", many), 301},
+        {"10,000-character values",
+         make_conf("1", "log_path=\"" + huge + "\"",
+                   "  <" + huge.substr(0, 20) + " logname=\"" + huge + "\" mask=\"" + huge +
+                       "\" log_provider=\"" + huge + "\" log_filepath=\"" + huge + "\"/>\n"),
+         2},
+        {"non-numeric numbers",
+         make_conf("1", "enable=\"yes\" size=\"-\"", pipe_node("RPM", "time=\"x\"")), 2},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        reset_daemon_state();
+        write_system(c.xml);
+        unlink(root.at(VORN_WORK_CONF).c_str());
+        int n = vorn_config_choose();
+        if (c.expect < 0) {
+            EXPECT_LT(n, 0);
+        } else {
+            EXPECT_EQ(n, c.expect);
+            ASSERT_EQ(vornd_load_nodes(n), 0);
+            EXPECT_LE(strlen(gbl_config.log_path), 116u);
+        }
+    }
+}
+
+TEST_F(ConfigTest, CopyFile) {
+    std::string big(5000, 'z');
+    big[1023] = 'a';
+    big[1024] = 'b';
+    root.write("/data/src", big);
+    EXPECT_EQ(copy_file("/data/dst", "/data/src"), 0);
+    EXPECT_EQ(root.read("/data/dst"), big);
+    EXPECT_EQ(copy_file("/data/dst", "/data/missing"), -1);
+    EXPECT_TRUE(log.has("Can't open file /data/missing. err is No such file or directory"));
+    EXPECT_EQ(copy_file("/nodir/dst", "/data/src"), -1);
+    EXPECT_TRUE(log.has("Can't open file /nodir/dst. err is No such file or directory"));
+}
+
+TEST_F(ConfigTest, WriteBackSavesEveryChangeAndKeepsTheFileWhole) {
+    write_system(kSys);
+    ASSERT_EQ(load(), 2);
+    xmlNodePtr el = vorn_config_find_element("Dmesg");
+    ASSERT_NE(el, nullptr);
+    vorn_config_set_attr(el, "enable", "1");
+    std::string after_one = work();
+    EXPECT_NE(after_one.find("enable=\"1\""), std::string::npos);
+    vorn_config_set_attr(el, "mask", "abc");
+    EXPECT_NE(work().find("mask=\"abc\""), std::string::npos);
+    EXPECT_NE(work().find("enable=\"1\""), std::string::npos);
+    EXPECT_EQ(vorn_config_find_element("Nope"), nullptr);
+    // No temporary files are left behind.
+    EXPECT_FALSE(root.exists("/data/vorn-conf.xml.tmp"));
+}
+
+}  // namespace

@@ -1,0 +1,205 @@
+// Binding of nodes to the register table, dropped nodes, lookups and threads.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+#include "core/config.h"
+#include "core/daemon/register_table.h"
+#include "core/daemon/startup.h"
+#include "core/node_ops.h"
+#include "tests/core/daemon_state.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+class RegistryTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        reset_daemon_state();
+        root.mkdir("/data");
+    }
+    void TearDown() override { reset_daemon_state(); }
+
+    int load(const std::string &nodes) {
+        root.write(VORN_SYSTEM_CONF, make_conf("1", "enable=\"0\"", nodes));
+        int n = vorn_config_choose();
+        EXPECT_GT(n, 0);
+        EXPECT_EQ(vornd_load_nodes(n), 0);
+        return n;
+    }
+
+    const vorn_node_ops *row(const char *name) {
+        for (const auto &r : vorn_register_table) {
+            if (strcmp(r.logname, name) == 0)
+                return &r;
+        }
+        return nullptr;
+    }
+
+    TempRoot root;
+    LogCapture log;
+};
+
+TEST_F(RegistryTest, TableHasTheFifteenRowsInOrder) {
+    const char *names[] = {"ssr",      "GPU",       "DynamicDebug", "Bluetooth",  "AdbMain",
+                           "AdbRadio", "AdbEvents", "Dmesg",        "RPM",        "QDSS",
+                           "QXDM",     "WlanTcp",   "DataTcp",      "DumpParser", "Default"};
+    ASSERT_EQ(std::size(vorn_register_table), 15u);
+    for (size_t i = 0; i < 15; i++)
+        EXPECT_STREQ(vorn_register_table[i].logname, names[i]);
+    EXPECT_EQ(vorn_register_table[2].work, nullptr);
+    EXPECT_EQ(vorn_register_table[2].enable, vorn_register_table[2].disable);
+}
+
+TEST_F(RegistryTest, BindsByNameIgnoringCaseAndFallsBackToDefault) {
+    load(pipe_node("adbmain") + pipe_node("Mystery") + pipe_node("Default") + pipe_node("DMESG"));
+    ASSERT_EQ(vorn_node_count, 5);
+    EXPECT_EQ(vorn_nodes[1].ops, row("AdbMain"));
+    EXPECT_EQ(vorn_nodes[2].ops, row("Default"));
+    EXPECT_EQ(vorn_nodes[3].ops, row("Default"));
+    EXPECT_EQ(vorn_nodes[4].ops, row("Dmesg"));
+    EXPECT_TRUE(log.has("Mystery doesn't exist in register table, use the default ops\n"));
+    EXPECT_TRUE(log.has("Default doesn't exist in register table, use the default ops\n"));
+    EXPECT_FALSE(log.has_containing("adbmain doesn't exist"));
+    // Lookups are exact.
+    EXPECT_EQ(find_node_index("adbmain"), 1);
+    EXPECT_EQ(find_node_index("AdbMain"), VORN_NO_NODE);
+    EXPECT_EQ(find_node_index("DMESG"), 4);
+    EXPECT_TRUE(log.has("find DMESG at index 4"));
+}
+
+TEST_F(RegistryTest, InitOpsDecideWhichNodesAreKept) {
+    load(
+        // ssr without the dump bit: dropped.
+        "  <ssr logname=\"ssr\" logtype=\"0\"/>\n"
+        // ssr with it: kept.
+        "  <ssr logname=\"ssr\" logtype=\"32\"/>\n"
+        // A switch without provider: kept.
+        "  <DynamicDebug logname=\"DynamicDebug\"/>\n"
+        // A switch with a provider but no file path: dropped.
+        "  <Bluetooth logname=\"Bluetooth\" log_provider=\"x\"/>\n"
+        // A capture node needs both provider and file path.
+        "  <QXDM logname=\"QXDM\" log_provider=\"q\" log_filepath=\"q/q\"/>\n"
+        "  <RPM logname=\"RPM\" log_filepath=\"r/r\"/>\n");
+    EXPECT_EQ(vorn_node_count, 4);  // global + 3 kept nodes
+    EXPECT_STREQ(vorn_nodes[1].logname, "ssr");
+    EXPECT_EQ(vorn_nodes[1].logtype, 32);
+    EXPECT_STREQ(vorn_nodes[2].logname, "DynamicDebug");
+    EXPECT_STREQ(vorn_nodes[3].logname, "QXDM");
+    EXPECT_EQ(find_node_index("Bluetooth"), VORN_NO_NODE);
+    EXPECT_EQ(find_node_index("RPM"), VORN_NO_NODE);
+}
+
+TEST_F(RegistryTest, DroppedSlotIsReusedWithoutClearing) {
+    load(
+        "  <Dmesg logname=\"Dmesg\" log_provider=\"dmesg\" mask_link=\"/etc/link\"/>\n"
+        // Lacks log_provider and mask_link: keeps the dropped node's values.
+        "  <Other logname=\"Other\" log_filepath=\"o/o\"/>\n");
+    ASSERT_EQ(vorn_node_count, 2);
+    EXPECT_STREQ(vorn_nodes[1].logname, "Other");
+    EXPECT_STREQ(vorn_nodes[1].log_provider, "dmesg");
+    EXPECT_STREQ(vorn_nodes[1].mask_link, "/etc/link");
+    EXPECT_EQ(vorn_nodes[1].logid, 1);
+}
+
+TEST_F(RegistryTest, FindNodeIndexProbesOnePastTheLastNode) {
+    load(pipe_node("Dmesg") + pipe_node("RPM") + "  <Dropped logname=\"Dropped\"/>\n");
+    ASSERT_EQ(vorn_node_count, 3);
+    EXPECT_EQ(find_node_index("Dmesg"), 1);
+    EXPECT_EQ(find_node_index("RPM"), 2);
+    // The dropped last node does not linger in the probed record...
+    EXPECT_EQ(find_node_index("Dropped"), VORN_NO_NODE);
+    // ...which reads an empty name.
+    EXPECT_EQ(find_node_index(""), 3);
+    EXPECT_EQ(find_node_index(nullptr), VORN_NO_NODE);
+    vorn_node_count = 0;
+    EXPECT_EQ(find_node_index("Dmesg"), VORN_NO_NODE);
+}
+
+TEST_F(RegistryTest, NullArgumentsAndAMissingRowName) {
+    EXPECT_EQ(vorn_node_ops_init(nullptr), -1);
+    EXPECT_TRUE(log.has("vorn_node_ops_init, Invalied arguments\n"));
+    vorn_node node{};
+    strcpy(node.logname, "x");
+    const vorn_node_ops broken[] = {{"a", nullptr, nullptr, nullptr, nullptr},
+                                    {nullptr, nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(vorn_node_ops_init_with(&node, broken, 2), -1);
+    EXPECT_TRUE(log.has("Please fill logname in register table!\n"));
+    const vorn_node_ops no_default[] = {{"a", nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(vorn_node_ops_init_with(&node, no_default, 1), -1);
+    EXPECT_EQ(vorn_node_enable(&node, nullptr), -1);  // no ops bound
+    EXPECT_EQ(vorn_node_enable(nullptr, nullptr), -1);
+    EXPECT_EQ(check_dump_ops(nullptr, &broken[0]), -1);
+    EXPECT_EQ(check_switch_ops(nullptr, &broken[0]), -1);
+    EXPECT_EQ(check_capture_ops(nullptr, &broken[0]), -1);
+}
+
+TEST_F(RegistryTest, SetNodeStateStoresBitZeroAndTheMask) {
+    vorn_node node{};
+    memset(node.mask, 'x', sizeof node.mask - 1);
+    vorn_ctrl_msg cmd{};
+    cmd.enable = 3;
+    memset(cmd.mask, 'm', sizeof cmd.mask);  // not terminated within 100 bytes
+    EXPECT_EQ(set_node_state(&node, &cmd), 0);
+    EXPECT_EQ(node.enable, 1);
+    EXPECT_EQ(std::string(node.mask), std::string(99, 'm'));
+    cmd.enable = 2;
+    strcpy(cmd.mask, "ab");
+    EXPECT_EQ(set_node_state(&node, &cmd), 0);
+    EXPECT_EQ(node.enable, 0);
+    EXPECT_STREQ(node.mask, "ab");
+    EXPECT_EQ(node.mask[3], '\0');
+    EXPECT_EQ(set_node_state(nullptr, &cmd), -1);
+    EXPECT_EQ(set_node_state(&node, nullptr), -1);
+}
+
+std::atomic<int> g_calls{0};
+char g_name[32];
+
+void *record_name(void *) {
+    pthread_getname_np(pthread_self(), g_name, sizeof g_name);
+    g_calls++;
+    return nullptr;
+}
+int op_ok(vorn_node *, const vorn_ctrl_msg *) {
+    return 7;
+}
+
+bool wait_calls(int n) {
+    for (int i = 0; i < 500 && g_calls < n; i++)
+        usleep(10000);
+    return g_calls >= n;
+}
+
+TEST_F(RegistryTest, WorkThreadsAreNamedAfterTheNode) {
+    const vorn_node_ops fake = {"ABCDEFGHIJKLMNOPQRST", nullptr, op_ok, op_ok, record_name};
+    vorn_node node{};
+    memcpy(node.logname, fake.logname, 15);  // stored cut to 15
+    node.ops = &fake;
+    g_calls = 0;
+    vorn_node_create_work_thread(&node);
+    ASSERT_TRUE(wait_calls(1));
+    EXPECT_STREQ(g_name, "vornd_ABCDEFGHI");
+    EXPECT_TRUE(log.has("vorn_node_create_work_thread: Create thread for ABCDEFGHIJKLMNO\n"));
+    EXPECT_EQ(vorn_node_enable(&node, nullptr), 7);
+    EXPECT_TRUE(log.has("vorn_node_enable: enable ABCDEFGHIJKLMNO\n"));
+    EXPECT_EQ(vorn_node_disable(&node, nullptr), 7);
+
+    EXPECT_EQ(start_detached_thread(record_name, nullptr, "vorn_zip"), 0);
+    ASSERT_TRUE(wait_calls(2));
+    EXPECT_STREQ(g_name, "vorn_zip");
+
+    // No handler: nothing starts.
+    const vorn_node_ops nowork = {"x", nullptr, op_ok, op_ok, nullptr};
+    node.ops = &nowork;
+    vorn_node_create_work_thread(&node);
+    usleep(50000);
+    EXPECT_EQ(g_calls, 2);
+}
+
+}  // namespace

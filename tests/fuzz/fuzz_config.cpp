@@ -1,0 +1,75 @@
+// Fuzzes the configuration reader: the input is the system configuration file
+// of an empty device root; the working copy is chosen, reverted and loaded
+// into the node table exactly as at start-up (without starting workers).
+#include <android/log.h>
+#include <libxml/tree.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "core/config.h"
+#include "core/daemon/startup.h"
+#include "core/gbl_config.h"
+#include "core/node.h"
+#include "platform/root.h"
+
+namespace {
+
+std::string g_root;
+
+void reset() {
+    if (vorn_nodes != nullptr) {
+        for (int i = 0; i <= vorn_node_count; i++) {
+            free(vorn_nodes[i].log_provider);
+            free(vorn_nodes[i].log_filepath);
+            free(vorn_nodes[i].mask_link);
+        }
+        free(vorn_nodes);
+    }
+    vorn_nodes = nullptr;
+    vorn_node_count = 0;
+    if (vorn_conf_doc)
+        xmlFreeDoc(vorn_conf_doc);
+    vorn_conf_doc = nullptr;
+    vorn_conf_root = nullptr;
+}
+
+void silent_logger(const struct __android_logger_data *, const char *) {}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    char tmpl[] = "/tmp/vorn-fuzz-config-XXXXXX";
+    g_root = mkdtemp(tmpl);
+    std::filesystem::create_directories(g_root + "/etc");
+    std::filesystem::create_directories(g_root + "/data");
+    vorn_set_root(g_root.c_str());
+    __android_log_set_logger(silent_logger);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    {
+        std::ofstream out(g_root + "/etc/vorn-conf.xml", std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size));
+    }
+    std::filesystem::remove(g_root + "/data/vorn-conf.xml");
+    int n = vorn_config_choose();
+    if (n > 0) {
+        vornd_load_nodes(n, false);
+        if (strnlen(gbl_config.log_path, sizeof gbl_config.log_path) >= sizeof gbl_config.log_path)
+            abort();
+        for (int i = 1; i < vorn_node_count; i++) {
+            if (vorn_nodes[i].ops == nullptr)
+                abort();
+            if (strnlen(vorn_nodes[i].logname, 16) == 16 || strnlen(vorn_nodes[i].mask, 100) == 100)
+                abort();
+        }
+    }
+    reset();
+    return 0;
+}
