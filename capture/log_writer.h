@@ -1,0 +1,51 @@
+// The log file writer shared by every worker that writes rotated log files:
+// wait for the log root, name and create a node's file, append with roll-over,
+// and prune a node's directory to its newest files.
+//
+// Paths handed in and kept in the path buffer are device paths; the writer
+// resolves them under the root (platform/root.h) where they meet the system.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "core/node.h"
+
+#define VORN_PATH_MAX 256     // path buffers of the workers
+#define VORN_KEEP_FILES 10    // files of a node that survive pruning
+#define VORN_TIME_FORMAT "%Y_%m_%d-%H_%M_%S"
+
+// The worker's log file handle: the open stream (null when no file is open)
+// and the bytes written to it since it was opened.
+struct vorn_log_file {
+    FILE *fp;
+    uint64_t written;
+};
+
+// Returns 0 once dir is writable; tries 0 waits for ever, otherwise gives up
+// after that many attempts and returns non-zero.
+int wait_log_dir(const char *dir, int tries);
+
+// Creates the node's directory and opens a new file "<log root>/<log_filepath>.<time>";
+// on success file->fp is set and path (VORN_PATH_MAX bytes) holds its path.
+// Returns 0, or -1 with file->fp left null.
+int open_log_file(vorn_node *node, vorn_log_file *file, char *path);
+
+// Appends len bytes and rolls the file over once it passes a tenth of the
+// node's size budget. Returns len when all went well; anything else means the
+// file is no longer usable.
+int write_log_data(const char *data, int len, vorn_log_file *file, char *path, vorn_node *node);
+
+// Closes the stream if one is open (the file keeps its name).
+void close_log_file(vorn_log_file *file);
+
+// Removes the oldest entries of dir whose names begin with prefix so that at
+// most keep remain; returns the number found before removal, or -1.
+int rotate_log_files(const char *dir, const char *prefix, int keep);
+
+// rotate_log_files on the directory and prefix of a node's log_filepath.
+int scan_file_logpath(const char *log_filepath, int keep);
+
+// A new heap copy of text with the first occurrence of token replaced by value
+// (a plain copy when token does not occur); null when memory runs out.
+char *replace_string(const char *text, const char *token, const char *value);
