@@ -5,3 +5,7 @@
 
 // Thread routine; the argument is the node record.
 void *capture_pipe(void *node);
+
+// SIGUSR1 handler of the workers that block in reads: it only logs, so that
+// the signal interrupts the blocking call without ending the process.
+void selfsig_handle(int sig);

@@ -10,3 +10,7 @@ void *capture_pipe(void *arg) {
           node ? node->logname : "");
     return reinterpret_cast<void *>(-1L);
 }
+
+void selfsig_handle(int sig) {
+    VLOGD("sig =%d", sig);
+}

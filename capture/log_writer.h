@@ -11,8 +11,8 @@
 
 #include "core/node.h"
 
-#define VORN_PATH_MAX 256     // path buffers of the workers
-#define VORN_KEEP_FILES 10    // files of a node that survive pruning
+#define VORN_PATH_MAX 256   // path buffers of the workers
+#define VORN_KEEP_FILES 10  // files of a node that survive pruning
 #define VORN_TIME_FORMAT "%Y_%m_%d-%H_%M_%S"
 
 // The worker's log file handle: the open stream (null when no file is open)
