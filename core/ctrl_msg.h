@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #define VORN_MSG_SIZE 256
 #define VORN_MSG_REPLY 0x80  // bit 7 of msg_type marks a reply
@@ -51,3 +52,43 @@ static_assert(offsetof(vorn_ctrl_msg, reserved) == 128);
 
 // Type 7 carries the agent line from byte 1 to the end.
 #define VORN_MSG_AGENT_TEXT_OFF 1
+
+// Small packing helpers shared by the daemon and its clients: text fields are
+// zero-padded on the way out and always terminated on the way in, because a
+// peer may fill a field to its last byte.
+
+// Zeroes msg and sets its type.
+inline void vorn_msg_init(vorn_ctrl_msg *msg, uint8_t type) {
+    memset(msg, 0, sizeof *msg);
+    msg->msg_type = type;
+}
+
+// Copies text into a field of n bytes: at most n - 1 characters, the rest zero.
+inline void vorn_msg_put_text(char *field, size_t n, const char *text) {
+    memset(field, 0, n);
+    if (text != nullptr && n > 0)
+        memcpy(field, text, strnlen(text, n - 1));
+}
+
+// Copies a received field of n bytes into out (n + 1 bytes), terminated.
+inline void vorn_msg_get_text(char *out, const void *field, size_t n) {
+    size_t len = strnlen(static_cast<const char *>(field), n);
+    memcpy(out, field, len);
+    out[len] = '\0';
+}
+
+// Little-endian 32-bit integers at any offset (the overlay of types 3 and 4
+// places them unaligned).
+inline int32_t vorn_msg_get_i32(const void *msg, size_t off) {
+    const auto *b = static_cast<const uint8_t *>(msg) + off;
+    return static_cast<int32_t>(static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+                                static_cast<uint32_t>(b[2]) << 16 |
+                                static_cast<uint32_t>(b[3]) << 24);
+}
+
+inline void vorn_msg_put_i32(void *msg, size_t off, int32_t value) {
+    auto *b = static_cast<uint8_t *>(msg) + off;
+    auto v = static_cast<uint32_t>(value);
+    for (int i = 0; i < 4; i++)
+        b[i] = static_cast<uint8_t>(v >> (8 * i));
+}
