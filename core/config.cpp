@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "core/gbl_config.h"
@@ -41,6 +42,48 @@ xml_text get_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name) {
     if (v == nullptr && fallback != nullptr)
         v = xmlGetProp(fallback, BAD_CAST name);
     return xml_text(v);
+}
+
+// The socket thread and the dispatch thread both write back; a save must not
+// walk the document while the other thread replaces an attribute in it.
+std::mutex g_write_back_mutex;
+
+bool is_xml_char(uint32_t c) {
+    return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
+           (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// Values arrive from the control socket as raw bytes. Control characters and
+// broken UTF-8 would be saved as they are and make the working file
+// unreadable at the next start, so each such byte is written as '?'.
+std::string xml_safe_text(const char *value) {
+    static const uint32_t kMinCodePoint[] = {0, 0, 0x80, 0x800, 0x10000};
+    const auto *s = reinterpret_cast<const unsigned char *>(value);
+    size_t n = strlen(value);
+    std::string out;
+    out.reserve(n);
+    for (size_t i = 0; i < n;) {
+        unsigned c = s[i];
+        size_t len = c < 0x80             ? 1
+                     : (c & 0xE0) == 0xC0 ? 2
+                     : (c & 0xF0) == 0xE0 ? 3
+                     : (c & 0xF8) == 0xF0 ? 4
+                                          : 0;
+        uint32_t cp = len == 1 ? c : len == 2 ? c & 0x1F : len == 3 ? c & 0x0F : c & 0x07;
+        bool ok = len != 0 && i + len <= n;
+        for (size_t k = 1; ok && k < len; k++) {
+            ok = (s[i + k] & 0xC0) == 0x80;
+            cp = (cp << 6) | (s[i + k] & 0x3F);
+        }
+        if (ok && cp >= kMinCodePoint[len] && is_xml_char(cp)) {
+            out.append(value + i, len);
+            i += len;
+        } else {
+            out += '?';
+            i++;
+        }
+    }
+    return out;
 }
 
 unsigned long count_children(xmlNodePtr root) {
@@ -281,6 +324,7 @@ int vorn_config_save() {
 void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value) {
     if (el == nullptr)
         return;
-    xmlSetProp(el, BAD_CAST name, BAD_CAST value);
+    std::lock_guard<std::mutex> lock(g_write_back_mutex);
+    xmlSetProp(el, BAD_CAST name, BAD_CAST xml_safe_text(value ? value : "").c_str());
     vorn_config_save();
 }

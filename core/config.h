@@ -50,7 +50,9 @@ int copy_file(const char *dest, const char *src);
 xmlNodePtr vorn_config_find_element(const char *name);
 // Sets one attribute in memory and saves the whole working document to
 // "/data/vorn-conf.xml" (through a temporary file and a rename, so that an
-// interrupted save never leaves a truncated file).
+// interrupted save never leaves a truncated file). Bytes that XML cannot hold
+// (control characters, broken UTF-8) are written as '?'. Safe to call from the
+// socket thread and the dispatch thread at once.
 void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value);
 // Saves the working document; 0 or -1.
 int vorn_config_save();
