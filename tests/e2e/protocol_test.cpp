@@ -1,0 +1,198 @@
+// The control socket as a client sees it: reply bytes, requests closed
+// without a reply, and bad input that must not stop the daemon.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "core/gbl_config.h"
+#include "tests/core/daemon_state.h"
+#include "tests/e2e/daemon_fixture.h"
+
+namespace {
+
+const std::string kGlobal =
+    "enable=\"1\" loglevel=\"2\" time=\"30\" size=\"4096\" log_path=\"/sdcard/logs/\"";
+
+std::string config() {
+    return make_conf("1", kGlobal,
+                     pipe_node("Alpha", "loglevel=\"3\" size=\"2048\" mask=\"m1\"") +
+                         pipe_node("Beta", "mask=\"b\""));
+}
+
+// Bytes 128-255 of a request: a pattern the reply must echo.
+void fill_reserved(vorn_ctrl_msg *m) {
+    for (int i = 0; i < 128; i++)
+        m->reserved[i] = static_cast<uint8_t>(0xA0 ^ i);
+}
+
+ino_t inode_of(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+class ProtocolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        d.write_config(config());
+        ASSERT_TRUE(d.start()) << d.log();
+    }
+    DaemonFixture d;
+};
+
+TEST_F(ProtocolTest, RepliesAndRequestsWithoutReply) {
+    // Type 1: the node's fields, the request's bytes 128-255 echoed.
+    vorn_ctrl_msg q = ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha");
+    q.logid = 77;
+    fill_reserved(&q);
+    CtrlExchange r = d.exchange(q);
+    ASSERT_EQ(r.reply.size(), 256u);
+    EXPECT_TRUE(r.closed);
+    vorn_ctrl_msg a;
+    memcpy(&a, r.reply.data(), sizeof a);
+    EXPECT_EQ(a.msg_type, 0x81);
+    EXPECT_EQ(a.logid, 1);
+    EXPECT_EQ(a.enable, 0);
+    EXPECT_EQ(a.loglevel, 3);
+    EXPECT_EQ(a.time, 0);  // a logtype value overlays time (see the configuration reader)
+    EXPECT_EQ(a.size, 2048);
+    EXPECT_EQ(std::string(a.logname, 16), std::string("Alpha\0\0\0\0\0\0\0\0\0\0\0", 16));
+    EXPECT_STREQ(a.mask, "m1");
+    EXPECT_EQ(memcmp(a.reserved, q.reserved, 128), 0);
+    for (const char *line : {"msg_type is 129", "logid is 1", "enable is 0", "loglevel is 3",
+                             "time is 0", "size is 2048", "logname is Alpha", "mask is m1"}) {
+        EXPECT_FALSE(d.wait_for_log(std::string(" D vornd   : ") + line, 2000).empty()) << line;
+    }
+
+    // An unknown name: no reply, the connection is closed.
+    r = d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Nope"));
+    EXPECT_TRUE(r.closed);
+    EXPECT_EQ(r.reply, "");
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Can't find valid index for logname (Nope)").empty());
+
+    // Type 3: gbl_config in bytes 0-127, bytes 128-255 as received.
+    vorn_ctrl_msg g = ctrl_msg(VORN_MSG_GET_GLOBAL);
+    fill_reserved(&g);
+    r = d.exchange(g);
+    ASSERT_EQ(r.reply.size(), 256u);
+    const auto *b = reinterpret_cast<const uint8_t *>(r.reply.data());
+    EXPECT_EQ(b[0], 0x80);
+    EXPECT_EQ(b[1], 1);
+    EXPECT_EQ(b[2], 2);
+    EXPECT_EQ(vorn_msg_get_i32(b, 3), 30);
+    EXPECT_EQ(vorn_msg_get_i32(b, 7), 4096);
+    EXPECT_STREQ(reinterpret_cast<const char *>(b + 11), "/sdcard/logs/");
+    EXPECT_EQ(memcmp(b + 128, g.reserved, 128), 0);
+
+    // A 1-byte type 3 is served; the rest of its buffer was zero.
+    r = d.exchange(std::string(1, '\x03'));
+    ASSERT_EQ(r.reply.size(), 256u);
+    EXPECT_EQ(r.reply.substr(128), std::string(128, '\0'));
+    EXPECT_FALSE(d.wait_for_log("Message recieved size:1 type:3").empty());
+
+    // Type 2 is acknowledged even for an unknown node; the dispatcher
+    // reports the name later.
+    vorn_ctrl_msg c = ctrl_msg(VORN_MSG_SET_NODE, "Nope", 1, "x");
+    fill_reserved(&c);
+    r = d.exchange(c);
+    EXPECT_EQ(r.reply, std::string(1, '\x80') + std::string(255, '\0'));
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Invalid logname: Nope").empty());
+
+    // No reply: an unchanged log path, nothing types, agent lines, archives,
+    // ignored types. The unchanged path does not rewrite the working file.
+    std::string work = d.at("/data/vorn-conf.xml");
+    ino_t inode = inode_of(work);
+    std::string before = d.working_xml();
+    vorn_ctrl_msg same_path = ctrl_msg(VORN_MSG_SET_LOG_PATH);
+    vorn_msg_put_text(reinterpret_cast<char *>(&same_path) + VORN_MSG_GBL_LOG_PATH_OFF,
+                      VORN_MSG_GBL_LOG_PATH_LEN, "/sdcard/logs/");
+    vorn_ctrl_msg agent = ctrl_msg(VORN_MSG_AGENT);
+    strcpy(reinterpret_cast<char *>(&agent) + 1, "delay 5");
+    vorn_ctrl_msg archive = ctrl_msg(VORN_MSG_ARCHIVE, "Crash", 0, "/no/such/dir");
+    struct {
+        const char *name;
+        vorn_ctrl_msg msg;
+    } silent[] = {{"type 4, same path", same_path},
+                  {"type 5", ctrl_msg(5, "Alpha")},
+                  {"type 6", ctrl_msg(6, "Alpha")},
+                  {"type 7", agent},
+                  {"type 8", archive},
+                  {"type 9", ctrl_msg(9, "Alpha")},
+                  {"type 0", ctrl_msg(0, "Alpha")},
+                  {"type 0x81", ctrl_msg(0x81, "Alpha")},
+                  {"type 255", ctrl_msg(255, "Alpha")}};
+    for (const auto &s : silent) {
+        r = d.exchange(s.msg);
+        EXPECT_TRUE(r.connected && r.closed) << s.name;
+        EXPECT_EQ(r.reply, "") << s.name;
+    }
+    EXPECT_EQ(inode_of(work), inode);
+    EXPECT_EQ(d.working_xml(), before);
+    EXPECT_TRUE(d.alive());
+}
+
+TEST_F(ProtocolTest, BadInputNeverStopsTheDaemon) {
+    std::string query = msg_bytes(ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha"));
+    // Sizes around the message: short ones are completed with zeros, long
+    // ones are read as their first 256 bytes.
+    struct {
+        std::string bytes;
+        size_t reply;
+        const char *logged;
+    } sizes[] = {
+        {"", 0, "Message recieved size:0 type:0"},
+        {std::string(1, '\x05'), 0, "Message recieved size:1 type:5"},
+        {query.substr(0, 255), 256, "Message recieved size:255 type:1"},
+        {query, 256, "Message recieved size:256 type:1"},
+        {query + std::string(4096 - 256, '\x01'), 256, "Message recieved size:256 type:1"},
+    };
+    for (const auto &s : sizes) {
+        size_t mark = d.log_mark();
+        CtrlExchange r = d.exchange(s.bytes);
+        EXPECT_TRUE(r.closed) << s.bytes.size();
+        EXPECT_EQ(r.reply.size(), s.reply) << s.bytes.size();
+        if (s.reply) {
+            EXPECT_EQ(static_cast<uint8_t>(r.reply[0]), 0x81);
+        }
+        EXPECT_FALSE(d.wait_for_log(s.logged, 2000, mark).empty()) << s.logged;
+    }
+
+    // A silent client holds the daemon for 5 s at most; a client gone before
+    // its reply costs a logged send failure; the client after them is served.
+    int silent = d.connect_socket();
+    ASSERT_GE(silent, 0);
+    usleep(200000);  // the daemon is now waiting on the silent client
+    int gone = d.connect_socket();
+    ASSERT_GE(gone, 0);
+    ASSERT_EQ(write(gone, query.data(), query.size()), 256);
+    close(gone);
+    auto t0 = std::chrono::steady_clock::now();
+    CtrlExchange r = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL), 15000);
+    double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_EQ(r.reply.size(), 256u);
+    EXPECT_GT(waited, 4.0);
+    EXPECT_LT(waited, 8.0);
+    close(silent);
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Failed to recv message from socket. return: -1 err: "
+                                "Resource temporarily unavailable")
+                     .empty());
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Failed to send message from socket. return: -1 err: "
+                                "Broken pipe")
+                     .empty());
+
+    // 1,000 connections in a row, every one answered.
+    int answered = 0;
+    for (int i = 0; i < 1000; i++) {
+        r = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
+        answered += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0x80;
+    }
+    EXPECT_EQ(answered, 1000);
+    EXPECT_TRUE(d.alive());
+    // The working file is the configuration as loaded.
+    EXPECT_NE(d.working_xml().find("<Alpha logname=\"Alpha\""), std::string::npos);
+}
+
+}  // namespace
