@@ -36,7 +36,8 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path);
 // file is no longer usable.
 int write_log_data(const char *data, int len, vorn_log_file *file, char *path, vorn_node *node);
 
-// Closes the stream if one is open (the file keeps its name).
+// Closes the stream if one is open (the file keeps its name) and clears the
+// written count for the next file.
 void close_log_file(vorn_log_file *file);
 
 // Removes the oldest entries of dir whose names begin with prefix so that at

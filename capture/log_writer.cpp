@@ -1,0 +1,324 @@
+#include "capture/log_writer.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "core/gbl_config.h"
+#include "core/shell.h"
+#include "platform/log.h"
+#include "platform/root.h"
+
+namespace {
+
+// Command buffers are sized for device paths; on a host the root is added on
+// top so that it never eats into that room.
+constexpr size_t kWaitCmdLen = 128;
+constexpr size_t kOpenCmdLen = 300;
+
+// Appends src to the NUL-terminated dst of capacity cap, cutting it so that
+// dst never holds more than cap - 1 characters.
+void append_bounded(char *dst, size_t cap, const char *src) {
+    size_t used = strnlen(dst, cap);
+    if (used + 1 >= cap)
+        return;
+    size_t n = strnlen(src, cap - used - 1);
+    memcpy(dst + used, src, n);
+    dst[used + n] = '\0';
+}
+
+// "." and the local time, e.g. ".2024_05_01-13_02_03".
+void time_suffix(char *out, size_t len) {
+    time_t now = time(nullptr);
+    struct tm tm;
+    localtime_r(&now, &tm);
+    out[0] = '.';
+    if (strftime(out + 1, len - 1, VORN_TIME_FORMAT, &tm) == 0)
+        out[1] = '\0';
+}
+
+// The log root as gbl_config holds it (not always terminated within the field).
+std::string log_root() {
+    return std::string(gbl_config.log_path, strnlen(gbl_config.log_path, VORN_LOG_PATH_LEN));
+}
+
+int mkdir_p(const char *host_dir, size_t cmd_len) {
+    std::string cmd(cmd_len + strlen(vorn_root()), '\0');
+    snprintf(cmd.data(), cmd.size(), "mkdir -p %s", host_dir);
+    return run_command(cmd.c_str());
+}
+
+struct dir_closer {
+    void operator()(DIR *d) const { closedir(d); }
+};
+
+int compare_names(const void *a, const void *b) {
+    return strncmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b), VORN_PATH_MAX);
+}
+
+// Removes like remove(3), relative to the directory already open.
+int remove_at(int dfd, const char *name) {
+    int ret = unlinkat(dfd, name, 0);
+    if (ret != 0 && (errno == EISDIR || errno == EPERM))
+        ret = unlinkat(dfd, name, AT_REMOVEDIR);
+    return ret;
+}
+
+}  // namespace
+
+int wait_log_dir(const char *dir, int tries) {
+    std::string host = vorn_path(dir ? dir : "");
+    if (access(host.c_str(), W_OK) == 0)
+        return 0;
+    for (;;) {
+        int ret = -1;
+        if (mkdir(host.c_str(), 0777) == 0)
+            return 0;
+        if (errno == EROFS) {
+            // Storage not mounted writable yet.
+            sleep(1);
+        } else {
+            ret = mkdir_p(host.c_str(), kWaitCmdLen);
+            if (ret == 0) {
+                VLOGD("Dir %s is not available, create it and start logging.", dir);
+                return 0;
+            }
+        }
+        if (tries != 0 && --tries == 0)
+            return ret;
+        sleep(1);
+        if (access(host.c_str(), W_OK) == 0)
+            return 0;
+    }
+}
+
+int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
+    file->fp = nullptr;
+    const char *filepath = node->log_filepath ? node->log_filepath : "";
+
+    pthread_mutex_lock(&gbl_config_mutex);
+    path[0] = '\0';
+    append_bounded(path, VORN_PATH_MAX, log_root().c_str());
+    append_bounded(path, VORN_PATH_MAX, "/");
+    append_bounded(path, VORN_PATH_MAX, filepath);
+    char *slash = strrchr(path, '/');
+    if (slash == nullptr) {
+        pthread_mutex_unlock(&gbl_config_mutex);
+        return -1;
+    }
+    *slash = '\0';
+    // Held across the command so that the workers create directories one at a time.
+    int status = mkdir_p(vorn_path(path).c_str(), kOpenCmdLen);
+    pthread_mutex_unlock(&gbl_config_mutex);
+    if (status != 0) {
+        VLOGE("Failed to create the directory: %s\n", path);
+        return -1;
+    }
+    *slash = '/';
+
+    char suffix[32];
+    time_suffix(suffix, sizeof suffix);
+    append_bounded(path, VORN_PATH_MAX, suffix);
+    // Close-on-exec: provider commands must not inherit the daemon's files.
+    file->fp = fopen(vorn_path(path).c_str(), "ae");
+    if (file->fp == nullptr) {
+        VLOGE("Failed to create the log file: %s\n", path);
+        return -1;
+    }
+    return 0;
+}
+
+int write_log_data(const char *data, int len, vorn_log_file *file, char *path, vorn_node *node) {
+    if (file->fp == nullptr || len < 0)
+        return -1;
+    size_t n = fwrite(data, 1, static_cast<size_t>(len), file->fp);
+    // A stream in error lost buffered data in an earlier flush (a full disk
+    // shows up there first): report it like a short write.
+    int write_len = static_cast<int>(n);
+    if (write_len == len && ferror(file->fp))
+        write_len = 0;
+    if (write_len != len) {
+        VLOGE("Failed to write to log file. write_len = %d, len = %d", write_len, len);
+        return write_len;
+    }
+
+    file->written += static_cast<uint64_t>(len);
+    uint32_t budget = static_cast<uint32_t>(node->size);
+    if (budget == 0) {
+        pthread_mutex_lock(&gbl_config_mutex);
+        budget = static_cast<uint32_t>(gbl_config_size());
+        pthread_mutex_unlock(&gbl_config_mutex);
+    }
+    if (budget == 0 || file->written <= budget / 10)
+        return len;
+
+    vorn_log_file next{};
+    char next_path[VORN_PATH_MAX];
+    if (open_log_file(node, &next, next_path) != 0) {
+        VLOGE("Failed to create new log file.");
+        return -1;
+    }
+    fclose(file->fp);
+    file->written = 0;
+    file->fp = next.fp;
+
+    // The closed file gets the time of the roll-over as a second suffix.
+    char old_path[VORN_PATH_MAX];
+    snprintf(old_path, sizeof old_path, "%s", path);
+    char suffix[32];
+    time_suffix(suffix, sizeof suffix);
+    std::string moved = std::string(old_path) + suffix;
+    rename(vorn_path(old_path).c_str(), vorn_path(moved).c_str());
+    snprintf(path, VORN_PATH_MAX, "%s", next_path);
+
+    char *slash = strrchr(old_path, '/');
+    if (slash == nullptr) {
+        VLOGE("There is no / in %s.\n", old_path);
+        return -1;
+    }
+    *slash = '\0';
+    const char *filepath = node->log_filepath ? node->log_filepath : "";
+    const char *prefix = strrchr(filepath, '/');
+    if (prefix == nullptr) {
+        VLOGE("There is no / in %s.\n", filepath);
+        return -1;
+    }
+    rotate_log_files(old_path, prefix + 1, VORN_KEEP_FILES);
+    return len;
+}
+
+void close_log_file(vorn_log_file *file) {
+    if (file->fp != nullptr)
+        fclose(file->fp);
+    file->fp = nullptr;
+    file->written = 0;
+}
+
+int rotate_log_files(const char *dir, const char *prefix, int keep) {
+    std::unique_ptr<DIR, dir_closer> d(opendir(vorn_path(dir).c_str()));
+    if (!d)
+        return -1;
+    size_t prefix_len = strlen(prefix);
+    if (keep < 0)
+        keep = 0;
+    size_t cap = static_cast<size_t>(keep) + 2;
+    char **names = static_cast<char **>(malloc(cap * sizeof(char *)));
+    if (names == nullptr)
+        return -1;
+    size_t count = 0;
+    auto free_names = [&] {
+        for (size_t i = 0; i < count; i++)
+            free(names[i]);
+        free(names);
+    };
+
+    while (struct dirent *e = readdir(d.get())) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
+            continue;
+        if (strncmp(e->d_name, prefix, prefix_len) != 0)
+            continue;
+        if (count == cap) {
+            auto *grown = static_cast<char **>(realloc(names, (cap + 10) * sizeof(char *)));
+            if (grown == nullptr) {
+                free_names();
+                return -1;
+            }
+            names = grown;
+            cap += 10;
+        }
+        names[count] = strdup(e->d_name);
+        if (names[count] == nullptr) {
+            free_names();
+            return -1;
+        }
+        count++;
+    }
+    qsort(names, count, sizeof(char *), compare_names);
+
+    if (count > static_cast<size_t>(keep)) {
+        // Names are removed relative to the open directory, which stands in for
+        // changing the working directory to it (that step cannot fail here).
+        int ret = 0;
+        int dfd = dirfd(d.get());
+        for (size_t i = 0; i < count - static_cast<size_t>(keep); i++) {
+            if (remove_at(dfd, names[i]) != 0)
+                VLOGE("Remove %s failed, ret = %d, %s", names[i], ret, strerror(errno));
+            VLOGD("Remove %s from %s for log rotation", names[i], dir);
+        }
+    }
+    int found = static_cast<int>(count);
+    free_names();
+    return found;
+}
+
+int scan_file_logpath(const char *log_filepath, int keep) {
+    const char *filepath = log_filepath ? log_filepath : "";
+    std::string root = log_root();
+    size_t len = root.size() + 1 + strlen(filepath) + 1;
+    char *full = static_cast<char *>(malloc(len));
+    if (full == nullptr) {
+        VLOGE("No space for full_logpath!\n");
+        return -1;
+    }
+    snprintf(full, len, "%s/%s", root.c_str(), filepath);
+    char *slash = strrchr(full, '/');
+    if (slash == nullptr || slash == full) {
+        VLOGE("Unable to place logs in root directory\n");
+        free(full);
+        return -1;
+    }
+    char *dirpath = strndup(full, static_cast<size_t>(slash - full));
+    if (dirpath == nullptr) {
+        VLOGE("No space for dirpath!\n");
+        free(full);
+        return -1;
+    }
+    char *prefix = strdup(slash + 1);
+    if (prefix == nullptr) {
+        VLOGE("No space for logname_prefix!\n");
+        free(dirpath);
+        free(full);
+        return -1;
+    }
+    VLOGD("scan_file_logpath, dirpath:%s, logname_prefix:%s, full_logpath:%s", dirpath, prefix,
+          full);
+    int ret = rotate_log_files(dirpath, prefix, keep);
+    free(prefix);
+    free(dirpath);
+    free(full);
+    return ret;
+}
+
+char *replace_string(const char *text, const char *token, const char *value) {
+    if (text == nullptr)
+        return nullptr;
+    char *copy = strdup(text);
+    if (copy == nullptr) {
+        VLOGE("no space for strdup %s.", text);
+        return nullptr;
+    }
+    const char *at = (token && *token) ? strstr(copy, token) : nullptr;
+    if (at == nullptr)
+        return copy;
+    const char *val = value ? value : "";
+    size_t before = static_cast<size_t>(at - copy);
+    const char *after = at + strlen(token);
+    size_t len = before + strlen(val) + strlen(after) + 1;
+    char *out = static_cast<char *>(malloc(len));
+    if (out == nullptr) {
+        VLOGE("no space for replaced string!");
+        free(copy);
+        return nullptr;
+    }
+    snprintf(out, len, "%.*s%s%s", static_cast<int>(before), copy, val, after);
+    free(copy);
+    return out;
+}
