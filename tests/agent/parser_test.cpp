@@ -1,0 +1,243 @@
+// The Debug Agent's entry point, result record and dispatch helpers.
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "agent/dagt.h"
+#include "agent/dagt_state.h"
+#include "tests/agent/agent_fixture.h"
+
+namespace {
+
+const char *const kStm = DAGT_STM_ENABLE;
+
+dagt_result marked_result() {
+    dagt_result r = {};
+    r.code = 7;
+    r.text_len = 3;
+    strcpy(r.text, "old");
+    return r;
+}
+
+std::string tokens(int n, const std::string &word = "w") {
+    std::string line = "delay";
+    for (int i = 1; i < n; i++)
+        line += " " + word;
+    return line;
+}
+
+class ParserTest : public ::testing::Test {
+  protected:
+    void SetUp() override { root.write(kStm, "1"); }
+    TempRoot root;
+    LogCapture log;
+};
+
+TEST_F(ParserTest, CommentsAndEmptyLinesDoNothing) {
+    const struct {
+        const char *line;
+        uint32_t code;
+    } cases[] = {
+        {"# stm disable", 1}, {"//stm disable", 1}, {"#", 1},        {"", 102},      {" ", 102},
+        {"\t\r\n ", 102},     {"\"", 102},          {"\"\"\"", 102}, {" #stm", 102},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.line);
+        dagt_result r = marked_result();
+        EXPECT_EQ(agent_run(c.line, &r), c.code);
+        EXPECT_EQ(r.code, 7);  // untouched
+        EXPECT_STREQ(r.text, "old");
+    }
+    EXPECT_EQ(dagt_execute(nullptr, nullptr), 1u);
+    EXPECT_EQ(root.read(kStm), "1");
+    EXPECT_TRUE(log.has("Execute command ( #stm) failed: 102"));
+}
+
+TEST_F(ParserTest, TrailingCommentQuotesAndCase) {
+    const char *lines[] = {"stm get state # note", "STM GET STATE", "\"stm\" get \"state",
+                           "stm\tget\r\nstate\n"};
+    for (const char *line : lines) {
+        SCOPED_TRACE(line);
+        dagt_result r = marked_result();
+        EXPECT_EQ(agent_run(line, &r), 0u);
+        EXPECT_STREQ(r.text, "enable");
+        EXPECT_EQ(dagt_cmd.count, 3u);
+    }
+    EXPECT_TRUE(log.has("Success to run command: stm->get->state;Resp: enable\n"));
+    EXPECT_TRUE(log.has("0: stm.\n"));
+}
+
+TEST_F(ParserTest, TwentyTokensAtMost) {
+    dagt_result r = marked_result();
+    EXPECT_EQ(agent_run(tokens(20), &r), 0u);
+    EXPECT_EQ(dagt_cmd.count, 20u);
+    EXPECT_EQ(r.code, 0);
+
+    const int too_many[] = {21, 1000};
+    for (int n : too_many) {
+        r = marked_result();
+        log.clear();
+        EXPECT_EQ(agent_run(tokens(n), &r), 100u) << n;
+        EXPECT_EQ(r.code, 7);
+        EXPECT_EQ(dagt_cmd.count, 20u);
+        EXPECT_EQ(log.find("Agent max param cnt exceeded.").prio, ANDROID_LOG_ERROR);
+    }
+    // A comment after the twentieth token is not a twenty-first.
+    EXPECT_EQ(agent_run(tokens(20) + " #more words", &r), 0u);
+}
+
+TEST_F(ParserTest, ReservedWordsSucceedWithoutAnswer) {
+    for (const char *word : {"reset", "startup", "delay", "odl", "hlos", "DELAY"}) {
+        dagt_result r = marked_result();
+        EXPECT_EQ(agent_run(std::string(word) + " 5", &r), 0u) << word;
+        EXPECT_EQ(r.code, 0);
+        EXPECT_EQ(r.text_len, 0);
+    }
+    EXPECT_TRUE(log.has("Success to run command: DELAY->5;Resp: \n"));
+}
+
+TEST_F(ParserTest, UnknownCommandBuildsNoSummary) {
+    dagt_result r = marked_result();
+    EXPECT_EQ(agent_run("foo bar", &r), 104u);
+    EXPECT_EQ(r.code, 0);  // zeroed before the lookup
+    EXPECT_EQ(r.text_len, 0);
+    EXPECT_EQ(log.find("No handler for this command !\n").prio, ANDROID_LOG_ERROR);
+    EXPECT_EQ(log.count("1: bar.\n"), 2u);
+    EXPECT_TRUE(log.has("Execute command (foo) failed: 104"));
+    EXPECT_FALSE(log.has_containing("run command:"));
+}
+
+TEST_F(ParserTest, NullResultRunsNothing) {
+    const char *lines[] = {
+        "info get version", "stm enable",       "stm disable",     "hwe disable",
+        "sink get",         "etm modem enable", "cti reset x all", "swt apps enable ftrace"};
+    root.write(DAGT_HWEVENT_ENABLE, "1");
+    for (const char *line : lines) {
+        log.clear();
+        EXPECT_EQ(agent_run(line, nullptr), 11u) << line;
+        EXPECT_TRUE(log.has_containing("failed: 11")) << line;
+    }
+    EXPECT_EQ(root.read(kStm), "1");
+    EXPECT_EQ(root.read(DAGT_HWEVENT_ENABLE), "1");
+    EXPECT_EQ(agent_run("delay 1", nullptr), 0u);
+}
+
+TEST_F(ParserTest, SummaryLines) {
+    dagt_result r;
+    EXPECT_EQ(agent_run("info get version extra", &r), 4u);
+    EXPECT_STREQ(r.text, "Param number is not right");
+    EXPECT_TRUE(log.has(
+        "Fail to run command: info->get->version->extra;Reason: Param number is not right\n"));
+    EXPECT_TRUE(log.has("Execute command (info) failed: 4"));
+
+    // Twenty tokens of 300 characters: cut at the buffer's end.
+    std::string line = "delay";
+    for (int i = 1; i < 20; i++)
+        line += " " + std::string(300, static_cast<char>('a' + i));
+    EXPECT_EQ(agent_run(line, &r), 0u);
+    EXPECT_EQ(strlen(dagt_summary), DAGT_SUMMARY_LEN - 1);
+    EXPECT_EQ(std::string(dagt_summary, 32), "Success to run command: delay->b");
+}
+
+TEST_F(ParserTest, BadBytesNeverCrash) {
+    std::string binary;
+    for (int c = 1; c < 256; c++)
+        binary += static_cast<char>(c);
+    const struct {
+        std::string line;
+        uint32_t code;
+    } cases[] = {
+        {"x", 104},
+        {std::string(255, 'a'), 104},
+        {binary, 104},  // the first token is "\x01...\x08"
+        {"stm get " + std::string(300, 's'), 2},
+        {"info get " + std::string(300, 'v'), 9},
+        {"stm \xff\xfe", 9},
+        {"\"stm get state", 0},
+        {"stm get state\"\"\"", 0},
+    };
+    for (const auto &c : cases) {
+        dagt_result r = {};
+        EXPECT_EQ(agent_run(c.line, &r), c.code) << c.line.size();
+    }
+}
+
+TEST(ResultTest, ErrorTextsAndAcceptedCodes) {
+    const struct {
+        uint32_t code;
+        const char *text;
+    } kept[] = {{0, "Debug Agent run cmd success"},
+                {12, "Unknown sink out mode (must be ddr or usb"},
+                {18, "Invalid input value"}};
+    for (const auto &k : kept) {
+        dagt_result r = marked_result();
+        dagt_set_error(&r, k.code);
+        EXPECT_EQ(r.code, static_cast<int32_t>(k.code));
+        EXPECT_STREQ(r.text, k.text);
+        EXPECT_EQ(r.text_len, static_cast<int32_t>(strlen(k.text)));
+    }
+    dagt_result r = marked_result();
+    dagt_set_error(&r, 19);
+    EXPECT_EQ(r.code, 19);
+    EXPECT_EQ(r.text_len, 0);
+    for (uint32_t code : {20u, 100u, 111u, 112u, 113u, 0xffffffffu}) {
+        r = marked_result();
+        dagt_set_error(&r, code);
+        EXPECT_EQ(r.code, 7) << code;
+        EXPECT_STREQ(r.text, "old");
+    }
+    dagt_set_error(nullptr, 2);
+
+    // The answer copy: its recorded length is the source's.
+    dagt_set_answer(&r, "etb", 3);
+    EXPECT_STREQ(r.text, "et");
+    EXPECT_EQ(r.text_len, 3);
+    std::string long_answer(400, 'z');
+    dagt_set_answer(&r, long_answer.c_str());
+    EXPECT_EQ(strlen(r.text), 255u);
+}
+
+uint32_t record_handler(dagt_cmd_t *cmd, dagt_result *result) {
+    dagt_set_answer(result, cmd->params[cmd->cursor - 1]);
+    return dagt_code(result);
+}
+
+TEST(DispatchTest, SubcommandTable) {
+    const dagt_subcmd table[] = {{"run", record_handler}, {"idle", nullptr}, {"", nullptr}};
+    char a[] = "x", b[] = "RUN", c[] = "idle", d[] = "nope";
+    dagt_cmd_t cmd = {};
+    cmd.params[0] = a;
+    cmd.params[1] = b;
+    cmd.count = 2;
+    cmd.cursor = 1;
+    dagt_result r = marked_result();
+    EXPECT_EQ(dagt_dispatch_subcmd(&cmd, &r, table), 0u);
+    EXPECT_EQ(cmd.cursor, 2u);
+    EXPECT_STREQ(r.text, "RUN");
+
+    // A missing word and a row without handler leave code and cursor alone.
+    r = marked_result();
+    EXPECT_EQ(dagt_dispatch_subcmd(&cmd, &r, table), 7u);
+    cmd.params[1] = c;
+    cmd.cursor = 1;
+    EXPECT_EQ(dagt_dispatch_subcmd(&cmd, &r, table), 7u);
+    EXPECT_EQ(cmd.cursor, 1u);
+
+    cmd.params[1] = d;
+    EXPECT_EQ(dagt_dispatch_subcmd(&cmd, &r, table), 9u);
+    EXPECT_STREQ(r.text, "Unknown command");
+
+    LogCapture log;
+    EXPECT_EQ(dagt_dispatch_subcmd(nullptr, &r, table), 11u);
+    EXPECT_TRUE(log.has("No parse context\n"));
+
+    EXPECT_EQ(dagt_check_param_cnt(&cmd, 2, &r), 0u);
+    EXPECT_EQ(dagt_check_param_cnt(&cmd, 3, &r), 4u);
+    EXPECT_TRUE(log.has("Parameter number is not right , expect 3 but 2\n"));
+    EXPECT_EQ(dagt_check_param_cnt(&cmd, 0, &r), 2u);
+    EXPECT_TRUE(log.has("Max parameter number is 0 ?!\n"));
+}
+
+}  // namespace

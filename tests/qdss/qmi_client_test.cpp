@@ -1,0 +1,222 @@
+// The QDSS QMI client against a fake service on the host transport.
+#include "qdss/qmi_client.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <vector>
+
+#include "qdss/qdss_qmi_service.h"
+#include "tests/support/fake_qmi_service.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Reply = FakeQmiService::Reply;
+
+// A record that a dropped code must leave exactly as it was.
+dagt_result marked_result() {
+    dagt_result r = {};
+    r.code = 5;
+    r.text_len = 3;
+    strcpy(r.text, "old");
+    return r;
+}
+
+class QmiClientTest : public ::testing::Test {
+  protected:
+    void TearDown() override { qmi_qdss_client_release(); }
+    TempRoot root;
+    LogCapture log;
+};
+
+TEST_F(QmiClientTest, RequestsAreEncodedByteForByte) {
+    FakeQmiService modem(root, 2);
+    dagt_result r = marked_result();
+    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+    EXPECT_EQ(r.code, 0);
+    EXPECT_STREQ(r.text, "Debug Agent run cmd success");
+
+    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_DIAG, 1);
+    EXPECT_EQ(r.code, 0);
+    qmi_set_hw_reg(&r, 2, 0x12345678, 0x9abcdef0);
+    EXPECT_EQ(r.code, 0);
+
+    std::vector<Bytes> req = modem.requests();
+    ASSERT_EQ(req.size(), 2u);
+    EXPECT_EQ(req[0], (Bytes{0x00, 0x01, 0x00, 0x23, 0x00, 0x0e, 0x00,     // header, txn 1
+                             0x01, 0x04, 0x00, 0x0d, 0x00, 0x00, 0x00,     // entity 13
+                             0x02, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00}));  // state 1
+    EXPECT_EQ(req[1], (Bytes{0x00, 0x02, 0x00, 0x2a, 0x00, 0x0e, 0x00,     // header, txn 2
+                             0x01, 0x04, 0x00, 0x78, 0x56, 0x34, 0x12,     // address
+                             0x02, 0x04, 0x00, 0xf0, 0xde, 0xbc, 0x9a}));  // value
+}
+
+TEST_F(QmiClientTest, OneConnectionPerInstanceUntilRelease) {
+    FakeQmiService modem(root, 2);
+    FakeQmiService wcn(root, 3);
+    dagt_result r = {};
+    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+    qmi_set_hw_reg(&r, 2, 1, 2);
+    ASSERT_EQ(qmi_qdss_client_init(3, &r), 0);
+    qmi_set_entity_state(&r, 3, QDSS_QMI_ENTITY_ULOG, 1);
+    EXPECT_EQ(modem.requests().size(), 2u);
+    EXPECT_EQ(modem.connections(), 1);
+    EXPECT_EQ(wcn.connections(), 1);
+
+    qmi_qdss_client_release();
+    // Released: a send without a new init goes nowhere.
+    r = marked_result();
+    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+    EXPECT_EQ(r.code, 5);
+    EXPECT_EQ(modem.requests().size(), 2u);
+
+    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+    EXPECT_EQ(modem.connections(), 2);
+    ASSERT_EQ(modem.requests().size(), 3u);
+    EXPECT_EQ(modem.requests()[2][1], 1);  // a new connection counts from 1 again
+}
+
+TEST_F(QmiClientTest, InitFailuresLeaveTheRecordAlone) {
+    dagt_result r = marked_result();
+    EXPECT_EQ(qmi_qdss_client_init(11, &r), -1);
+    EXPECT_EQ(qmi_qdss_client_init(0xffffffffu, &r), -1);
+    EXPECT_FALSE(log.has_containing("qmi_client_init failed"));
+
+    // No service at the instance (and no QRTR on a plain host).
+    int probe = socket(AF_QIPCRTR, SOCK_DGRAM, 0);
+    if (probe >= 0) {
+        close(probe);
+        GTEST_SKIP() << "this kernel has QRTR: a missing service would be waited for";
+    }
+    EXPECT_EQ(qmi_qdss_client_init(4, &r), -1);
+    EXPECT_TRUE(log.has_containing("qmi_adc_client_init: qmi_client_init failed. rc = "));
+    EXPECT_EQ(r.code, 5);
+    EXPECT_STREQ(r.text, "old");
+}
+
+struct BadAnswer {
+    const char *name;
+    Reply reply;
+    uint16_t error;
+    const char *log_line;  // null: the request succeeds
+};
+
+// Every bad answer fails at once (no 5-second wait) and leaves the record as
+// it was; a late answer of another transaction is skipped.
+TEST_F(QmiClientTest, BadAnswers) {
+    const BadAnswer cases[] = {
+        {"refused", Reply::kFailure, 42,
+         "qmi_set_entity_state: Failed: rc = 0, entity_resp error = 42.\n"},
+        {"garbage", Reply::kGarbage, 0, "qmi_set_entity_state: Failed: rc = -6"},
+        {"short", Reply::kShort, 0, "qmi_set_entity_state: Failed: rc = -6"},
+        {"hang-up", Reply::kHangUp, 0, "qmi_set_entity_state: Failed: rc = -2"},
+        {"stale first", Reply::kStaleThenAnswer, 0, nullptr},
+    };
+    for (const BadAnswer &c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeQmiService modem(root, 2);
+        modem.set_reply(c.reply, c.error);
+        dagt_result r = marked_result();
+        ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+        r = marked_result();
+        log.clear();
+        auto start = std::chrono::steady_clock::now();
+        qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+        if (c.log_line == nullptr) {
+            EXPECT_EQ(r.code, 0);
+        } else {
+            EXPECT_TRUE(log.has_containing(c.log_line)) << log.dump();
+            EXPECT_EQ(r.code, 5);
+            EXPECT_STREQ(r.text, "old");
+        }
+        qmi_qdss_client_release();
+    }
+}
+
+TEST_F(QmiClientTest, SilentServiceTimesOutAfterFiveSeconds) {
+    FakeQmiService modem(root, 2);
+    modem.set_reply(Reply::kStaleOnly);
+    dagt_result r = {};
+    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
+    r = marked_result();
+    auto start = std::chrono::steady_clock::now();
+    qmi_set_hw_reg(&r, 2, 0x10, 5);
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(4900));
+    EXPECT_LT(waited, std::chrono::seconds(8));
+    EXPECT_TRUE(log.has_containing("qmi_set_hw_reg: Failed: rc = -3, entity_resp error = 0."));
+    EXPECT_EQ(r.code, 5);
+}
+
+TEST_F(QmiClientTest, ServiceDescription) {
+    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 0, 5), nullptr);
+    EXPECT_EQ(qdss_get_service_object_internal_v01(2, 0, 6), nullptr);
+    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 1, 6), nullptr);
+    qmi_idl_service_object_type svc = qdss_get_service_object_internal_v01(1, 0, 6);
+    ASSERT_NE(svc, nullptr);
+    EXPECT_EQ(svc->service_id, 0x33u);
+    EXPECT_EQ(svc->n_msgs[QMI_IDL_INDICATION], 0);
+    EXPECT_EQ(svc->p_type_table->n_messages, 28);
+    EXPECT_EQ(svc->p_type_table->n_types, 0);
+    ASSERT_EQ(svc->p_type_table->n_referenced_tables, 1);
+    EXPECT_EQ(svc->p_type_table->referenced_tables[0], &common_qmi_idl_type_table_object_v01);
+}
+
+TEST(QmiWireTest, MessageChecks) {
+    Bytes ok = qmi_answer_bytes(1, 0x23, 0, 0);
+    qmi_msg_header h;
+    ASSERT_EQ(qmi_check_message(ok.data(), ok.size(), &h), 0);
+    EXPECT_EQ(h.type, 2);
+    EXPECT_EQ(h.txn, 1);
+    EXPECT_EQ(h.msg_id, 0x23);
+    EXPECT_EQ(qmi_find_tlv(ok.data(), ok.size(), 0x02), 4);
+    EXPECT_EQ(qmi_find_tlv(ok.data(), ok.size(), 0x01), -1);
+
+    const Bytes bad[] = {
+        {},
+        {2, 1, 0, 0x23, 0, 7},                                   // header cut
+        {2, 1, 0, 0x23, 0, 8, 0, 2, 4, 0, 0, 0, 0, 0},           // length too long
+        {2, 1, 0, 0x23, 0, 6, 0, 2, 4, 0, 0, 0, 0, 0},           // length too short
+        {2, 1, 0, 0x23, 0, 7, 0, 2, 5, 0, 0, 0, 0, 0},           // TLV past the end
+        {2, 1, 0, 0x23, 0, 2, 0, 2, 0},                          // TLV header cut
+        {2, 1, 0, 0x23, 0, 9, 0, 2, 4, 0, 0, 0, 0, 0, 1, 0xff},  // second TLV cut
+    };
+    for (const Bytes &b : bad) {
+        EXPECT_EQ(qmi_check_message(b.data(), b.size(), &h), -1) << b.size();
+        EXPECT_EQ(qmi_find_tlv(b.data(), b.size(), 0x02), -1);
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The answer's TLVs must have the layout's lengths before libqrtr decodes
+// them: it copies by the layout.
+TEST(QmiWireTest, LayoutChecks) {
+    const qmi_elem_info *ei =
+        qdss_get_service_object_v01()->p_type_table->message_table[7].ei;  // 0x23 answer
+    const struct {
+        Bytes msg;
+        int rc;
+    } cases[] = {
+        {qmi_answer_bytes(1, 0x23, 1, 2), 0},
+        {{2, 1, 0, 0x23, 0, 13, 0, 2, 4, 0, 1, 0, 2, 0, 2, 3, 0, 1, 2, 3}, -1},  // short repeat
+        {{2, 1, 0, 0x23, 0, 8, 0, 2, 5, 0, 1, 0, 2, 0, 9}, -1},                  // long
+        {{2, 1, 0, 0x23, 0, 14, 0, 2, 4, 0, 1, 0, 2, 0, 0x10, 4, 0, 1, 2, 3, 4}, 0},  // optional
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(qmi_check_layout(c.msg.data(), c.msg.size(), ei), c.rc) << c.msg.size();
+}
+
+}  // namespace
