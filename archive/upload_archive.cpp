@@ -1,0 +1,88 @@
+// The upload directory and the empty archive file of one archive request.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "archive/file_util.h"
+#include "archive/mini_zip.h"
+#include "capture/log_writer.h"
+#include "core/gbl_config.h"
+#include "platform/log.h"
+#include "platform/root.h"
+
+namespace {
+struct DirCloser {
+    void operator()(DIR *d) const { closedir(d); }
+};
+
+const char kDescPrefix[] = "description_";
+}  // namespace
+
+void log_time_stamp(char *buf) {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm tm;
+    time_t sec = tv.tv_sec;
+    localtime_r(&sec, &tm);
+    strftime(buf, VORN_STAMP_LEN, VORN_TIME_FORMAT, &tm);
+}
+
+int prepare_upload_archive(char *name, size_t len, const char *logname, const char *src) {
+    // Read without gbl_config_mutex: a path change at this moment can only move
+    // this one archive.
+    char log_path[VORN_LOG_PATH_LEN];
+    snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
+    char upload_dir[VORN_UPLOAD_PATH_MAX];
+    snprintf(upload_dir, sizeof upload_dir, "%s/upload/%s", log_path, logname);
+    wait_log_dir(upload_dir, 1);
+
+    std::unique_ptr<DIR, DirCloser> dir(opendir(vorn_path(src).c_str()));
+    if (!dir) {
+        VLOGE("%s: opendir %s failed: %s.", "vornd", upload_dir, strerror(errno));
+        return -1;
+    }
+
+    // The same pass refuses a source with a file too large for the archive
+    // before any archive file exists.
+    char stamp[VORN_STAMP_LEN] = "";
+    bool found = false;
+    while (struct dirent *ent = readdir(dir.get())) {
+        if (ent->d_name[0] == '.')
+            continue;
+        const char *desc = strstr(ent->d_name, kDescPrefix);
+        if (desc != nullptr && !found) {
+            snprintf(stamp, VORN_DESC_STAMP_MAX + 1, "%s", desc + strlen(kDescPrefix));
+            found = true;
+        }
+        struct stat st;
+        if (fstatat(dirfd(dir.get()), ent->d_name, &st, 0) == 0 && S_ISREG(st.st_mode)) {
+            char path[VORN_UPLOAD_PATH_MAX];
+            snprintf(path, sizeof path, "%s/%s", src, ent->d_name);
+            if (check_entry_size(path, static_cast<uint64_t>(st.st_size)) != 0)
+                return -1;
+        }
+    }
+    if (!found) {
+        VLOGE("There is no description file in crash dump folder.\n");
+        log_time_stamp(stamp);
+    }
+
+    int n = snprintf(name, len, "%s/log_%s.zip", upload_dir, stamp);
+    if (n < 0 || static_cast<size_t>(n) >= len) {
+        VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(ENAMETOOLONG));
+        return -1;
+    }
+    FILE *fp = fopen(vorn_path(name).c_str(), "ae");
+    if (fp == nullptr) {
+        VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(errno));
+        return -1;
+    }
+    fclose(fp);
+    return 0;
+}
