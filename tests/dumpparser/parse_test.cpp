@@ -1,0 +1,297 @@
+// Whole-directory parses: the release rule, broken dumps, this host's own
+// kernel log.
+#include <fcntl.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "dumpparser/dumpparser.h"
+#include "tests/dumpparser/dump_env.h"
+
+namespace {
+
+using namespace dumpgen;
+
+class ParseTest : public DumpEnv {};
+
+// Every message of the parser carries its own tag.
+void expect_tagged(const LogCapture &log) {
+    for (const LogLine &l : log.lines()) {
+        if (l.tag == "DumpParser")
+            continue;
+        EXPECT_EQ(l.tag, "vornd") << l.msg;  // the shell runner's broadcast line
+        EXPECT_EQ(l.msg.rfind("broadcast: ", 0), 0u) << l.msg;
+    }
+}
+
+TEST_F(ParseTest, VersionFromRelease) {
+    const struct {
+        const char *release;
+        int version;
+    } cases[] = {{"3.4.0", 304}, {"3.10.49", 310}, {"3.0.8", 300}, {"6.1.0-13-amd64", 601},
+                 {"", -1},       {"linux", -1},    {"3", -1},      {"3.x", -1}};
+    for (const auto &c : cases)
+        EXPECT_EQ(dumpparser_kernel_version(c.release), c.version) << c.release;
+}
+
+TEST_F(ParseTest, ReleaseSelectsTableFormat) {
+    DumpDir d = dump("v1");
+    Ring ring = make_ring({{7, "hello"}}, 256, 0);
+    simple_dump(d, 304, ring);
+    // 3.4.0: format 1, table address at 20500 of OCIMEM.
+    EXPECT_EQ(dumpparser_parse_dir_version(dev("v1").c_str(), 304), 0);
+    EXPECT_EQ(read_file(d.path("kmsg.txt")), kmsg_text({{7, "hello"}}));
+    EXPECT_TRUE(log.has("DumpParser, table addr is 2147487744.\n"));
+    // 3.10.49: format 2 reads offset 16, where this dump holds nothing.
+    EXPECT_EQ(dumpparser_parse_dir_version(dev("v1").c_str(), 310), -1);
+    EXPECT_TRUE(log.has("DumpParser: memtab 0 is not in ddr dump."));
+    // 3.0.8: refused before any file is read.
+    unlink(d.path("kmsg.txt").c_str());
+    EXPECT_EQ(dumpparser_parse_dir_version(dev("v1").c_str(), 300), -1);
+    EXPECT_TRUE(log.has("DumpParser: unable to get version.\n"));
+    EXPECT_FALSE(root.exists(dev("v1") + "/kmsg.txt"));
+    EXPECT_EQ(broadcasts(), (std::vector<std::string>{broadcast(0, "UNKNOWN", dev("v1")),
+                                                      broadcast(-1, "UNKNOWN", dev("v1")),
+                                                      broadcast(-1, "UNKNOWN", dev("v1"))}));
+    expect_tagged(log);
+}
+
+int host_version() {
+    struct utsname u;
+    return uname(&u) == 0 ? dumpparser_kernel_version(u.release) : -1;
+}
+
+TEST_F(ParseTest, ThisKernelsRelease) {
+    int version = host_version();
+    if (version < 304)
+        GTEST_SKIP() << "this kernel is older than 3.4";
+    DumpDir d = dump("host");
+    simple_dump(d, version, make_ring({{1, "x"}}, 64, 0));
+    EXPECT_EQ(dumpparser_parse_dir(dev("host").c_str()), 0);
+    EXPECT_EQ(broadcasts(), std::vector<std::string>{broadcast(0, "UNKNOWN", dev("host"))});
+}
+
+// Broken dumps: each ends with the given status and message, broadcasts
+// "UNKNOWN" and neither crashes nor hangs.
+struct BadDump {
+    const char *name;
+    int version;
+    void (*build)(DumpDir &);
+    int status;
+    const char *message;  // a log message containing this
+    int kmsg_lines;       // lines kmsg.txt must hold, -1 when not checked
+};
+
+const std::vector<Rec> kTwo = {{1, "one"}, {2, "two"}};
+
+void truncate_image(DumpDir &d, off_t size) {
+    ASSERT_EQ(truncate(d.path("DDRCS0.BIN").c_str(), size), 0);
+}
+
+const BadDump kBadDumps[] = {
+    {"image shorter than the ring", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 4096, 0));
+         truncate_image(d, 0x100000 + 20);  // the first record's header and a bit
+     },
+     -1, "DumpParser: Failed to read, rlen(", 1},
+    {"image shorter than the raw buffer", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, Ring{std::string(10000, 'a'), 0, 10000}, false);
+         truncate_image(d, 0x100000 + 5000);
+     },
+     -1, "DumpParser: Failed to read, rlen(904) != len(4096)", -1},
+    {"table past the end of the image", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         truncate_image(d, 0x1000 + 30);
+     },
+     -1, "DumpParser: Failed to read, rlen(", -1},
+    {"table address outside every image", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.ocimem(310, 0x1234);
+     },
+     -1, "DumpParser: memtab 1234 is not in ddr dump.", -1},
+    {"second table outside every image", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.write(Layout().table, table_v2({{0, 0xc0000000}}));
+     },
+     -1, "DumpParser: entry_offset c0000000 is not in ddr dump.", -1},
+    {"log buffer outside every image", 304,
+     [](DumpDir &d) {
+         simple_dump(d, 304, make_ring(kTwo, 256, 0));
+         d.write(Layout().table, table_v1({{11, 0x70000000, 0x70001000}, {12, 0x80004000, 0}}));
+     },
+     -1, "DumpParser: log_buf 70000000 is not in ddr dump.", -1},
+    {"first index outside every image", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.write(Layout().idx_rec, data_record(0x1000, 4));
+     },
+     -1, "DumpParser, first idx 1000 is not in ddr dump.\n", -1},
+    {"log address that wraps when the base is subtracted", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.write(Layout().log_rec, data_record(0xffffffffffffff00, 256));
+     },
+     -1, "DumpParser: log_buf ffffffffffffff00 is not in ddr dump.", -1},
+    {"image base near the top of the address space", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.set_load_cmm("d.load.binary DDRCS0.BIN 0xffffffffffffffffffff /noclear\n");
+         d.finish();
+     },
+     -1, "DumpParser: memtab 80001000 is not in ddr dump.", -1},
+    {"first index far past the buffer", 310,
+     [](DumpDir &d) {
+         Ring r = make_ring(kTwo, 256, 0);
+         r.first_idx = 0xfffffff0;
+         simple_dump(d, 310, r);
+     },
+     -1, "DumpParser: Failed to read, rlen(0) != len(16)", -1},
+    {"wrap marker at the oldest record loops until the length is consumed", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, Ring{std::string(64, '\0'), 0, 65536});
+     },
+     0, "DumpParser: Back to log buf start addr.", 0},
+    {"ring of one record and a marker repeats it until the length is consumed", 310,
+     [](DumpDir &d) {
+         Ring r = make_ring({{1, "again"}}, 64, 0);
+         r.len = 10 * 40;  // 24 bytes of record and 16 of marker per turn
+         simple_dump(d, 310, r);
+     },
+     0, "DumpParser: Back to log buf start addr.", 10},
+    {"log length of 4 GiB is taken as 0: one record", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.write(Layout().log_rec, data_record(Layout().log_buf, 1ull << 32));
+     },
+     0, "DumpParser, log_buf is 80100000, buf_len is 0.", 1},
+    {"format 1 log of 4 GiB is taken as 0: one record", 304,
+     [](DumpDir &d) {
+         simple_dump(d, 304, make_ring(kTwo, 256, 0));
+         Layout l;
+         d.write(l.table, table_v1({{11, l.log_buf, l.log_buf + (1ull << 32)}, {12, l.idx, 0}}));
+     },
+     0, "DumpParser, log_buf is 80100000, buf_len is 0.", 1},
+    {"load.cmm of one 100 KB line", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.set_load_cmm(std::string(100 * 1024, 'x'));
+         d.finish();
+     },
+     -1, "DumpParser: unable to find DDRCS0.BIN in load.cmm.\n", -1},
+    {"100 KB line before the real ones", 310,
+     [](DumpDir &d) {
+         simple_dump(d, 310, make_ring(kTwo, 256, 0));
+         d.set_load_cmm(std::string(100 * 1024, 'x') + "\n" + d.load_cmm());
+         d.finish();
+     },
+     0, "DumpParser, log_buf is 80100000", 2},
+    {"100 images, the log in the last", 310,
+     [](DumpDir &d) {
+         for (uint64_t i = 0; i < 100; i++)
+             d.image(0x80000000 + (i << 24), 1 << 24);
+         Layout l;
+         l.idx = 0x80000000 + (99ull << 24);
+         l.log_buf = l.idx + 0x1000;
+         write_tables(d, 310, l, make_ring(kTwo, 256, 0));
+         d.finish();
+     },
+     0, "DumpParser, log_buf is e3001000", 2},
+    {"empty image", 310,
+     [](DumpDir &d) {
+         d.image(0x80000000, 0);
+         d.ocimem(310, 0);
+         d.finish();
+     },
+     -1, "DumpParser: /data/dumps/bad/DDRCS0.BIN is empty.\n", -1},
+    {"no images", 310, [](DumpDir &d) { d.ocimem(310, 0x80001000); }, 0, "table addr is", -1},
+    {"no OCIMEM.BIN", 310, [](DumpDir &) {}, -1,
+     "DumpParser: /data/dumps/bad/OCIMEM.BIN open failed: No such file or directory", -1},
+};
+
+TEST_F(ParseTest, BrokenDumps) {
+    for (const BadDump &c : kBadDumps) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(root.at(dev("bad")));
+        std::filesystem::remove(root.at("/data/broadcasts.log"));
+        log.clear();
+        DumpDir d = dump("bad");
+        c.build(d);
+        EXPECT_EQ(dumpparser_parse_dir_version(dev("bad").c_str(), c.version), c.status);
+        EXPECT_TRUE(log.has_containing(c.message)) << log.dump();
+        EXPECT_EQ(broadcasts(),
+                  std::vector<std::string>{broadcast(c.status, "UNKNOWN", dev("bad"))});
+        if (c.kmsg_lines >= 0) {
+            std::string k = read_file(d.path("kmsg.txt"));
+            EXPECT_EQ(std::count(k.begin(), k.end(), '\n'), c.kmsg_lines) << k;
+        }
+    }
+}
+
+// This host's kernel messages from /dev/kmsg, or from dmesg.
+std::vector<Rec> host_messages() {
+    std::vector<Rec> out;
+    int fd = open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+        char buf[8192];
+        for (;;) {
+            ssize_t n = read(fd, buf, sizeof(buf) - 1);
+            if (n < 0 && errno == EPIPE)  // overwritten while reading
+                continue;
+            if (n <= 0)
+                break;
+            buf[n] = '\0';
+            // "prio,seq,usec,flags;text\n" and continuation lines.
+            unsigned long long usec;
+            const char *text = strchr(buf, ';');
+            if (text == nullptr || sscanf(buf, "%*u,%*u,%llu", &usec) != 1)
+                continue;
+            out.push_back({usec * 1000, std::string(text + 1, strcspn(text + 1, "\n"))});
+        }
+        close(fd);
+    }
+    if (out.empty()) {
+        FILE *p = popen("dmesg 2>/dev/null", "r");
+        char line[2048];
+        double sec;
+        int off;
+        while (p != nullptr && fgets(line, sizeof(line), p) != nullptr) {
+            if (sscanf(line, "[%lf] %n", &sec, &off) == 1)
+                out.push_back({static_cast<uint64_t>(sec * 1e9),
+                               std::string(line + off, strcspn(line + off, "\n"))});
+        }
+        if (p != nullptr)
+            pclose(p);
+    }
+    for (Rec &r : out)
+        r.text.resize(std::min<size_t>(r.text.size(), 992));
+    return out;
+}
+
+TEST_F(ParseTest, RingOfThisHostsKernelLog) {
+    std::vector<Rec> msgs = host_messages();
+    if (msgs.empty())
+        GTEST_SKIP() << "neither /dev/kmsg nor dmesg is readable here";
+    size_t total = 0;
+    for (const Rec &r : msgs)
+        total += record(r.ts, r.text).size();
+    // Half the messages before the end of the ring, the rest after the wrap.
+    uint32_t size = static_cast<uint32_t>((total + 8192) & ~size_t{3});
+    Ring ring = make_ring(msgs, size, static_cast<uint32_t>((size - total / 2) & ~size_t{3}));
+    DumpDir d = dump("host");
+    simple_dump(d, 310, ring);
+    ASSERT_EQ(dumpparser_parse_dir_version(dev("host").c_str(), 310), 0);
+    EXPECT_TRUE(log.has("DumpParser: Back to log buf start addr."));
+    EXPECT_EQ(read_file(d.path("kmsg.txt")), kmsg_text(msgs)) << msgs.size() << " messages";
+}
+
+}  // namespace
