@@ -134,6 +134,11 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
     window_reader rd(in);
     uint64_t pos = off + first_idx;
     uint64_t consumed = 0;
+    // Every pass from the buffer start reads the same records again. One
+    // that reached a wrap marker without writing a line will never write
+    // one, however large the length: stop there rather than spin.
+    bool from_start = first_idx == 0;
+    bool wrote = false;
     uint8_t body[kMaxBody];
     char text[kMaxText + 1];
     char line[sizeof(text) + 24];
@@ -154,7 +159,11 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
         uint16_t text_len = dp_le16(h + 10);
         if (total == 0) {
             DPLOGD("%s: Back to log buf start addr.", DP);
+            if (from_start && !wrote)
+                break;
             pos = off;
+            from_start = true;
+            wrote = false;
         } else {
             int64_t body_len = static_cast<int64_t>((total + 3u) & ~3u) - int64_t{kHeader};
             // A total below the header size is as implausible as an oversized one.
@@ -179,6 +188,7 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
                                  static_cast<unsigned long long>(dp_le64(h)), text);
                 if (out.put(line, static_cast<size_t>(l)) < 0)
                     return -1;
+                wrote = true;
             }
         }
         if (consumed >= len)

@@ -175,8 +175,9 @@ int find_log_v2(dump_ctx &ctx, const char *table, uint64_t table_off, log_locati
     return 0;
 }
 
-// Steps 3 to 9 of a parse; the caller broadcasts what this returns.
-int extract(const char *dir, int version, char *reason) {
+}  // namespace
+
+int dumpparser_extract(const char *dir, int version, char *reason) {
     char out[256];
     char ocimem[256];
     if (dp_join(out, sizeof(out), dir, "kmsg.txt") < 0 ||
@@ -235,8 +236,6 @@ int extract(const char *dir, int version, char *reason) {
     return 0;
 }
 
-}  // namespace
-
 int dumpparser_kernel_version(const char *release) {
     if (release == nullptr)
         return -1;
@@ -261,7 +260,7 @@ int dumpparser_parse_dir_version(const char *dir, int version) {
         DPLOGE("%s: unable to get version.\n", DP);
         status = -1;
     } else {
-        status = extract(dir, version, reason);
+        status = dumpparser_extract(dir, version, reason);
     }
     char params[256];
     snprintf(params, sizeof(params), "--ei result %d --es para \"DumpParser %s %s\"", status,

@@ -40,6 +40,10 @@ int dumpparser_parse_dir(const char *dir);
 // The same for a given kernel version (major * 100 + minor): below 304 fails,
 // 304 reads table format 1, newer ones format 2.
 int dumpparser_parse_dir_version(const char *dir, int version);
+// The same without the version check and the broadcast: kmsg.txt and the
+// reason (DUMPPARSER_REASON_LEN bytes) of a version of at least 304; the
+// status the broadcast would carry.
+int dumpparser_extract(const char *dir, int version, char *reason);
 // major * 100 + minor of a release text such as "3.10.49", or -1.
 int dumpparser_kernel_version(const char *release);
 

@@ -111,6 +111,10 @@ TEST_F(ExtractTest, RecordWalk) {
          "0000000000000001: a\n", "DumpParser: log line format is wrong, maybe end."},
         {"text longer than its record is cut there", record(1, "abcd", 0, 900), 20, 0, 0,
          "0000000000000001: abcd\n", nullptr},
+        // Later passes would only repeat the silent one: the walk ends at once
+        // whatever the length.
+        {"silent loop", record(1, "") + std::string(16, '\0'), 0xffffffff, 16, 0, "",
+         "DumpParser: Back to log buf start addr."},
         {"empty text writes no line", record(1, "") + record(2, "b"), 36, 0, 0,
          "0000000000000002: b\n", nullptr},
         {"raw copy in chunks", std::string(10000, 'r'), 10000, -1, 0, std::string(10000, 'r'),

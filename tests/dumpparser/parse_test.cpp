@@ -156,9 +156,9 @@ const BadDump kBadDumps[] = {
          simple_dump(d, 310, r);
      },
      -1, "DumpParser: Failed to read, rlen(0) != len(16)", -1},
-    {"wrap marker at the oldest record loops until the length is consumed", 310,
+    {"wrap marker at the buffer start: a pass that writes nothing ends the walk", 310,
      [](DumpDir &d) {
-         simple_dump(d, 310, Ring{std::string(64, '\0'), 0, 65536});
+         simple_dump(d, 310, Ring{std::string(64, '\0'), 0, 0xffffffff});
      },
      0, "DumpParser: Back to log buf start addr.", 0},
     {"ring of one record and a marker repeats it until the length is consumed", 310,
