@@ -161,8 +161,14 @@ TEST_F(RegistryTest, SetNodeStateStoresBitZeroAndTheMask) {
 std::atomic<int> g_calls{0};
 char g_name[32];
 
+// The creator names the thread after pthread_create returns: stay alive until
+// the name has arrived (or a few seconds passed), then record it.
 void *record_name(void *) {
-    pthread_getname_np(pthread_self(), g_name, sizeof g_name);
+    for (int i = 0; i < 500; i++) {
+        pthread_getname_np(pthread_self(), g_name, sizeof g_name);
+        if (strncmp(g_name, "vorn", 4) == 0) break;
+        usleep(10000);
+    }
     g_calls++;
     return nullptr;
 }
