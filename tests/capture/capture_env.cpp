@@ -12,9 +12,16 @@
 
 #include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
+#include "core/node_ops.h"
 
 TempRoot &capture_root() {
-    static TempRoot *root = new TempRoot();  // removed by the environment below
+    static TempRoot *root = [] {
+        auto *r = new TempRoot();  // removed by the environment below
+        // Providers run through the device's shell.
+        r->mkdir("/system/bin");
+        symlink("/bin/sh", r->at("/system/bin/sh").c_str());
+        return r;
+    }();
     return *root;
 }
 
@@ -126,4 +133,27 @@ int zombie_children() {
         closedir(d);
     }
     return zombies;
+}
+
+vorn_node *start_pipe_node(const char *name, const char *provider, const char *filepath,
+                           int32_t size, bool enable) {
+    vorn_node *node = make_node(name, 0x80, provider, filepath, size);
+    node->enable = enable ? 1 : 0;
+    node->pending_change = 0;
+    vorn_node_create_work_thread(node);
+    return node;
+}
+
+void set_enable(vorn_node *node, bool enable) {
+    vorn_node_guard g(node);
+    node->enable = enable ? 1 : 0;
+    node->pending_change = 1;
+}
+
+bool disable_and_settle(vorn_node *node) {
+    set_enable(node, false);
+    // Seen within a poll (3 s) when idle, a select (5 s) when running.
+    bool taken = wait_for([&] { return locked(node, node->pending_change) == 0; }, 9000);
+    usleep(200 * 1000);  // the stop and close follow the flag at once
+    return taken;
 }

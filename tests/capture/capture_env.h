@@ -46,3 +46,23 @@ bool wait_for(Pred pred, int timeout_ms) {
     }
     return pred();
 }
+
+// A pipe node under the current log root, its worker started (the worker
+// first looks at it 3 s later). The node starts enabled when enable is set.
+vorn_node *start_pipe_node(const char *name, const char *provider, const char *filepath,
+                           int32_t size, bool enable);
+
+// Sets enable and the pending-change flag under the node's lock, as the
+// dispatcher does.
+void set_enable(vorn_node *node, bool enable);
+
+// Disables the node and waits until its worker has taken the change up (and
+// so stopped its command and closed its file); false on time-out.
+bool disable_and_settle(vorn_node *node);
+
+// Reads a node field under its lock.
+template <typename T>
+T locked(vorn_node *node, const T &field) {
+    vorn_node_guard g(node);
+    return field;
+}

@@ -1,0 +1,309 @@
+#include "capture/capture_pipe.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "capture/capture_variants.h"
+#include "capture/log_writer.h"
+#include "core/gbl_config.h"
+#include "platform/log.h"
+#include "platform/properties.h"
+#include "platform/root.h"
+
+extern char **environ;
+
+namespace {
+
+constexpr unsigned kPollSeconds = 3;
+constexpr long kSelectMicros = 5000000;  // the kernel normalises it to 5 s
+constexpr size_t kReadSize = 50;         // small reads: little is lost on a reset
+constexpr int kEmptyReadsPerMessage = 10;
+constexpr const char *kShell = "/system/bin/sh";
+
+// Read once by the first worker; 0 means not read yet. Every worker writes the
+// same value, so no lock.
+std::atomic<int> g_platform_level{0};
+
+int platform_level() {
+    int level = g_platform_level.load(std::memory_order_relaxed);
+    if (level == 0) {
+        char value[VORN_PROP_VALUE_MAX];
+        vorn_property_get("ro.build.version.sdk", value, "0");
+        level = static_cast<int>(strtol(value, nullptr, 10));
+        g_platform_level.store(level, std::memory_order_relaxed);
+    }
+    return level;
+}
+
+// The pipe variant: the provider command's standard output copied into the
+// node's rotated files. States: idle (no command; a file may stay open after
+// a command ended by itself) and running (command started, file open).
+class pipe_worker {
+  public:
+    explicit pipe_worker(vorn_node *node) : node_(node) {}
+
+    [[noreturn]] void run() {
+        {
+            vorn_node_guard g(node_);
+            node_->worker_thread = static_cast<uint64_t>(pthread_self());
+        }
+        char root[VORN_LOG_PATH_LEN];
+        pthread_mutex_lock(&gbl_config_mutex);
+        snprintf(root, sizeof root, "%.*s", static_cast<int>(sizeof root - 1), gbl_config.log_path);
+        pthread_mutex_unlock(&gbl_config_mutex);
+        wait_log_dir(root, 0);
+        scan_file_logpath(node_->log_filepath, VORN_KEEP_FILES - 1);
+
+        for (;;) {
+            const char *provider = idle_poll();
+            // A provider change while running restarts at once, without the poll.
+            while (start(provider) && read_loop(&provider)) {
+            }
+        }
+    }
+
+  private:
+    // Sleeps and looks at the node until it is enabled; returns its provider.
+    const char *idle_poll() {
+        for (;;) {
+            sleep(kPollSeconds);
+            pthread_mutex_lock(&node_->lock);
+            if (node_->enable) {
+                const char *provider = node_->log_provider;
+                node_->pending_change = 0;
+                pthread_mutex_unlock(&node_->lock);
+                return provider;
+            }
+            if (!node_->pending_change) {
+                pthread_mutex_unlock(&node_->lock);
+                continue;
+            }
+            node_->pending_change = 0;
+            pthread_mutex_unlock(&node_->lock);
+            stop();
+            close_log_file(&file_);
+        }
+    }
+
+    // Starts the command; true when it runs with a file open.
+    bool start(const char *provider) {
+        if (provider == nullptr || *provider == '\0') {
+            // Standard error on purpose, not the Android log.
+            fprintf(stderr, "%s: no log_provider\n", "capture_pipe");
+            return false;
+        }
+        // Everything the child needs is made before the fork: after it, only
+        // async-signal-safe calls.
+        std::string shell = vorn_path(kShell);
+        char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                              const_cast<char *>(provider), nullptr};
+        int fds[2] = {-1, -1};
+        pid_t pid = -1;
+        auto *child = static_cast<capture_child *>(malloc(sizeof(capture_child)));
+        // Close-on-exec, so that other workers' providers never hold this pipe open.
+        if (child == nullptr || pipe2(fds, O_CLOEXEC) != 0 || (pid = fork()) < 0) {
+            if (fds[0] >= 0) {
+                close(fds[0]);
+                close(fds[1]);
+            }
+            free(child);
+            VLOGE("Failed to start the program(%s) or create \t\t\t\t\t\tthe pipe\n", provider);
+            return false;
+        }
+        if (pid == 0)
+            exec_provider(fds, shell.c_str(), argv);
+
+        close(fds[1]);
+        child->fd = fds[0];
+        child->pid = pid;
+        child_ = child;
+        if (file_.fp == nullptr && open_log_file(node_, &file_, path_) != 0) {
+            VLOGE("Failed to create out file\n");
+            stop();
+            return false;
+        }
+        return true;
+    }
+
+    [[noreturn]] static void exec_provider(const int fds[2], const char *shell,
+                                           char *const argv[]) {
+        close(fds[0]);
+        if (fds[1] != STDOUT_FILENO) {
+            dup2(fds[1], STDOUT_FILENO);
+            close(fds[1]);
+        } else {
+            fcntl(STDOUT_FILENO, F_SETFD, 0);
+        }
+        // SIGHUP is how the provider gets stopped: never inherit it ignored or blocked.
+        struct sigaction dfl {};
+        dfl.sa_handler = SIG_DFL;
+        sigaction(SIGHUP, &dfl, nullptr);
+        sigset_t none;
+        sigemptyset(&none);
+        pthread_sigmask(SIG_SETMASK, &none, nullptr);
+        execve(shell, argv, environ);
+        _exit(127);
+    }
+
+    // Copies the command's output until it ends, a write fails or the node
+    // changes. True after a change while enabled: *provider is then the
+    // command to start at once; false to go back to the idle poll.
+    bool read_loop(const char **provider) {
+        for (;;) {
+            fd_set readable;
+            FD_ZERO(&readable);
+            FD_SET(child_->fd, &readable);
+            struct timeval timeout = {0, kSelectMicros};
+            int ready = select(child_->fd + 1, &readable, nullptr, nullptr, &timeout);
+            if (ready < 0) {
+                VLOGE("error occured in select\n");
+            } else if (ready > 0) {
+                ssize_t n = read(child_->fd, buf_, kReadSize);
+                if (n == 0) {
+                    // The countdown is never reset by data: the message comes
+                    // with the first end of output and then every tenth.
+                    if (--empty_countdown_ == 0) {
+                        VLOGE("Read none from pipe %s 10 times, so close it! \n", *provider);
+                        empty_countdown_ = kEmptyReadsPerMessage;
+                    }
+                    stop();
+                    return false;  // the file stays open for the next run
+                }
+                if (n > 0 && !copy(static_cast<int>(n)))
+                    return false;
+                // A failed read counts as a time-out.
+            }
+
+            pthread_mutex_lock(&node_->lock);
+            if (!node_->pending_change) {
+                pthread_mutex_unlock(&node_->lock);
+                continue;
+            }
+            node_->pending_change = 0;
+            bool enabled = node_->enable != 0;
+            if (enabled)
+                *provider = node_->log_provider;
+            pthread_mutex_unlock(&node_->lock);
+            stop();
+            close_log_file(&file_);
+            return enabled;
+        }
+    }
+
+    // Writes one chunk, first moving to a new file when one was asked for.
+    // False when the file is no longer usable (command stopped, file closed).
+    bool copy(int n) {
+        bool new_file;
+        {
+            vorn_node_guard g(node_);
+            new_file = node_->new_file_request != 0;
+        }
+        if (new_file) {
+            close_log_file(&file_);
+            // Blocks until the log root takes a file again; the output waits in the pipe.
+            do {
+                sleep(kPollSeconds);
+            } while (open_log_file(node_, &file_, path_) != 0);
+            file_.written = 0;
+            vorn_node_guard g(node_);
+            node_->new_file_request = 0;
+        }
+        if (write_log_data(buf_, n, &file_, path_, node_) != n) {
+            stop();
+            close_log_file(&file_);
+            return false;
+        }
+        fflush(file_.fp);
+        return true;
+    }
+
+    void stop() {
+        if (child_ != nullptr)
+            stop_child(child_);
+        child_ = nullptr;
+    }
+
+    vorn_node *node_;
+    capture_child *child_ = nullptr;  // non-null while running
+    int empty_countdown_ = 1;
+    vorn_log_file file_{};
+    char path_[VORN_PATH_MAX] = "";
+    char buf_[kReadSize];
+};
+
+}  // namespace
+
+void *capture_pipe(void *arg) {
+    auto *node = static_cast<vorn_node *>(arg);
+    int level = platform_level();
+    uint8_t logtype;
+    {
+        vorn_node_guard g(node);
+        logtype = node->logtype;
+    }
+    bool logd = (logtype & VORN_LOGTYPE_TYPE_MASK) == VORN_LOGTYPE_ANDROID_LOG && level >= 20;
+
+    switch (logtype & VORN_LOGTYPE_KIND_MASK) {
+        case VORN_KIND_EXEC: {
+            int ret = capture_exec(node);
+            vorn_node_guard g(node);
+            node->worker_thread = 0;  // the thread ends: the next enable starts a new one
+            return ret == 0 ? nullptr : reinterpret_cast<void *>(-1L);
+        }
+        case VORN_KIND_PIPE: {
+            // Lives as long as the process; never returns.
+            pipe_worker worker(node);
+            worker.run();
+        }
+        case VORN_KIND_MULTIDEV:
+            if (logd)
+                capture_adb_socket(node);
+            else
+                capture_multi_devnode(node);
+            break;
+        default:
+            if (logd)
+                capture_adb_socket(node);
+            else
+                capture_devnode(node);
+            break;
+    }
+    return nullptr;
+}
+
+int stop_child(capture_child *child) {
+    if (child == nullptr)
+        return -1;
+    kill(child->pid, SIGHUP);
+    int status = 0;
+    for (;;) {
+        pid_t ret = waitpid(child->pid, &status, 0);
+        int err = errno;
+        VLOGE("pstat = 0x%08x, pid = %d\n", status, ret);
+        if (ret >= 0)
+            break;
+        if (err == EINTR)
+            continue;
+        close(child->fd);
+        free(child);
+        return ret;
+    }
+    close(child->fd);
+    free(child);
+    return status;
+}
+
+void selfsig_handle(int sig) {
+    VLOGD("sig =%d", sig);
+}
