@@ -1,24 +1,23 @@
 #include "tests/capture/capture_env.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <deque>
+#include <filesystem>
 
 #include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
 
+namespace fs = std::filesystem;
+
 TempRoot &capture_root() {
     static TempRoot *root = [] {
-        auto *r = new TempRoot();  // removed by the environment below
-        // Providers run through the device's shell.
-        r->mkdir("/system/bin");
+        auto *r = new TempRoot();
+        r->mkdir("/system/bin");  // providers run through the device's shell
         symlink("/bin/sh", r->at("/system/bin/sh").c_str());
         return r;
     }();
@@ -26,120 +25,41 @@ TempRoot &capture_root() {
 }
 
 namespace {
-
-class CaptureEnvironment : public testing::Environment {
-  public:
-    // Workers left idle by the tests only poll their node: the tree can go.
+// Workers left idle by the tests only poll their nodes: the tree can go.
+struct CaptureEnvironment : testing::Environment {
     void TearDown() override { delete &capture_root(); }
 };
-
 [[maybe_unused]] testing::Environment *const g_env =
     testing::AddGlobalTestEnvironment(new CaptureEnvironment);
-
 }  // namespace
 
-std::string fresh_log_root(const std::string &tag, int32_t global_size) {
+std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size) {
     static int counter = 0;
-    capture_root();
-    std::string dir = "/" + tag + "-" + std::to_string(++counter) + "/logs/";
+    std::string root = "/" + tag + "-" + std::to_string(++counter) + "/logs/";
     pthread_mutex_lock(&gbl_config_mutex);
-    snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", dir.c_str());
+    snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", root.c_str());
     gbl_config.size = global_size;
     pthread_mutex_unlock(&gbl_config_mutex);
-    return dir;
+    return capture_root().at(root + dir);
 }
 
-vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, const char *filepath,
-                     int32_t size) {
-    // Workers hold their node for ever: never free one.
-    static auto *arena = new std::deque<vorn_node>();
+vorn_node *make_node(const char *provider, const char *filepath, int32_t size) {
+    static auto *arena = new std::deque<vorn_node>();  // workers hold their node for ever
     vorn_node &node = arena->emplace_back();
     memset(&node, 0, sizeof node);
     pthread_mutex_init(&node.lock, nullptr);
-    snprintf(node.logname, sizeof node.logname, "%s", name);
-    node.logtype = logtype;
+    snprintf(node.logname, sizeof node.logname, "Default");
+    node.logtype = VORN_KIND_PIPE;
     node.size = size;
-    node.log_provider = provider ? strdup(provider) : nullptr;
-    node.log_filepath = filepath ? strdup(filepath) : nullptr;
-    node.pending_change = 1;
+    node.log_provider = strdup(provider);
+    node.log_filepath = strdup(filepath);
     vorn_node_ops_init(&node);
     return &node;
 }
 
-std::vector<std::string> list_dir(const std::string &host_dir) {
-    std::vector<std::string> names;
-    if (DIR *d = opendir(host_dir.c_str())) {
-        while (struct dirent *e = readdir(d)) {
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-                names.emplace_back(e->d_name);
-        }
-        closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// ".YYYY_MM_DD-HH_MM_SS", n times, after prefix.
-static bool suffixes(const std::string &name, const std::string &prefix, int n) {
-    static const char shape[] = ".9999_99_99-99_99_99";
-    const size_t len = sizeof shape - 1;
-    if (name.rfind(prefix, 0) != 0 || name.size() != prefix.size() + n * len)
-        return false;
-    for (size_t i = prefix.size(); i < name.size(); i++) {
-        char want = shape[(i - prefix.size()) % len];
-        char got = name[i];
-        if (want == '9' ? (got < '0' || got > '9') : got != want)
-            return false;
-    }
-    return true;
-}
-
-bool has_one_suffix(const std::string &name, const std::string &prefix) {
-    return suffixes(name, prefix, 1);
-}
-
-bool has_two_suffixes(const std::string &name, const std::string &prefix) {
-    return suffixes(name, prefix, 2);
-}
-
-void sleep_to_next_second() {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    usleep(static_cast<useconds_t>((1000000000L - ts.tv_nsec) / 1000 + 100000));
-}
-
-int zombie_children() {
-    int zombies = 0;
-    pid_t self = getpid();
-    if (DIR *d = opendir("/proc")) {
-        while (struct dirent *e = readdir(d)) {
-            if (e->d_name[0] < '0' || e->d_name[0] > '9')
-                continue;
-            std::string stat_path = std::string("/proc/") + e->d_name + "/stat";
-            FILE *f = fopen(stat_path.c_str(), "re");
-            if (f == nullptr)
-                continue;
-            char buf[512];
-            size_t n = fread(buf, 1, sizeof buf - 1, f);
-            fclose(f);
-            buf[n] = '\0';
-            // "pid (comm) state ppid ...": comm may hold blanks, so parse after the last ')'.
-            const char *p = strrchr(buf, ')');
-            char state = 0;
-            int ppid = 0;
-            if (p && sscanf(p + 1, " %c %d", &state, &ppid) == 2 && ppid == self && state == 'Z')
-                zombies++;
-        }
-        closedir(d);
-    }
-    return zombies;
-}
-
-vorn_node *start_pipe_node(const char *name, const char *provider, const char *filepath,
-                           int32_t size, bool enable) {
-    vorn_node *node = make_node(name, 0x80, provider, filepath, size);
-    node->enable = enable ? 1 : 0;
-    node->pending_change = 0;
+vorn_node *start_pipe_node(const char *provider, const char *filepath, int32_t size) {
+    vorn_node *node = make_node(provider, filepath, size);
+    node->enable = 1;
     vorn_node_create_work_thread(node);
     return node;
 }
@@ -152,8 +72,44 @@ void set_enable(vorn_node *node, bool enable) {
 
 bool disable_and_settle(vorn_node *node) {
     set_enable(node, false);
-    // Seen within a poll (3 s) when idle, a select (5 s) when running.
-    bool taken = wait_for([&] { return locked(node, node->pending_change) == 0; }, 9000);
-    usleep(200 * 1000);  // the stop and close follow the flag at once
+    // Taken up within a poll (3 s) when idle, a select (5 s) when running.
+    bool taken = wait_for(
+        [&] {
+            vorn_node_guard g(node);
+            return node->pending_change == 0;
+        },
+        9000);
+    usleep(200 * 1000);  // the stop and the close follow at once
     return taken;
+}
+
+std::vector<std::string> list_dir(const std::string &host_dir) {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto &e : fs::directory_iterator(host_dir, ec))
+        names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string file_at(const std::string &host_dir, size_t i) {
+    auto names = list_dir(host_dir);
+    return i < names.size() ? read_file(host_dir + "/" + names[i]) : std::string();
+}
+
+int time_suffixes(const std::string &name, const std::string &prefix) {
+    static const std::string shape = ".9999_99_99-99_99_99";
+    if (name.rfind(prefix, 0) != 0 || (name.size() - prefix.size()) % shape.size() != 0)
+        return -1;
+    for (size_t i = prefix.size(); i < name.size(); i++) {
+        char want = shape[(i - prefix.size()) % shape.size()];
+        if (want == '9' ? !isdigit(static_cast<unsigned char>(name[i])) : name[i] != want)
+            return -1;
+    }
+    return static_cast<int>((name.size() - prefix.size()) / shape.size());
+}
+
+bool has_zombie_child() {
+    siginfo_t info{};
+    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }

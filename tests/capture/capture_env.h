@@ -1,6 +1,6 @@
 // Shared set-up of the capture tests: one device root for the whole binary
-// (worker threads never end, so the root must outlive every test), node
-// records that are never freed, and helpers to look at the log files.
+// (worker threads never end, so it must outlive every test), node records that
+// are never freed, and helpers to look at log files and children.
 #pragma once
 
 #include <unistd.h>
@@ -12,57 +12,36 @@
 #include "core/node.h"
 #include "tests/support/temp_root.h"
 
-// The device root shared by every test of the binary.
 TempRoot &capture_root();
 
-// A fresh log root "/<tag>-<n>/logs/" (device path, trailing "/") that no other
-// test uses; sets it and the global size in gbl_config.
-std::string fresh_log_root(const std::string &tag, int32_t global_size = 0);
+// Sets a log root "/<tag>-<n>/logs/" of the test's own and the global size in
+// gbl_config; returns the host path of the node directory dir under it.
+std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size = 0);
 
 // A node record bound to its register-table row, kept for the process lifetime.
-vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, const char *filepath,
-                     int32_t size);
+vorn_node *make_node(const char *provider, const char *filepath, int32_t size);
 
-// Sorted names in a host directory (empty when it does not exist).
-std::vector<std::string> list_dir(const std::string &host_dir);
+// The same for a pipe node whose worker is started (it first looks 3 s later).
+vorn_node *start_pipe_node(const char *provider, const char *filepath, int32_t size);
 
-// Names with one (".<time>") or two time suffixes after prefix.
-bool has_one_suffix(const std::string &name, const std::string &prefix);
-bool has_two_suffixes(const std::string &name, const std::string &prefix);
-
-// Sleeps until 100 ms past the start of the next wall-clock second.
-void sleep_to_next_second();
-
-// Zombie children of this process.
-int zombie_children();
-
-// Waits up to timeout_ms for pred, polling every 50 ms; returns pred().
-template <typename Pred>
-bool wait_for(Pred pred, int timeout_ms) {
-    for (int waited = 0; waited < timeout_ms; waited += 50) {
-        if (pred())
-            return true;
-        usleep(50 * 1000);
-    }
-    return pred();
-}
-
-// A pipe node under the current log root, its worker started (the worker
-// first looks at it 3 s later). The node starts enabled when enable is set.
-vorn_node *start_pipe_node(const char *name, const char *provider, const char *filepath,
-                           int32_t size, bool enable);
-
-// Sets enable and the pending-change flag under the node's lock, as the
-// dispatcher does.
+// Sets enable and the pending-change flag under the node's lock, as the dispatcher does.
 void set_enable(vorn_node *node, bool enable);
 
-// Disables the node and waits until its worker has taken the change up (and
-// so stopped its command and closed its file); false on time-out.
+// Disables the node and waits until its worker has taken the change up.
 bool disable_and_settle(vorn_node *node);
 
-// Reads a node field under its lock.
-template <typename T>
-T locked(vorn_node *node, const T &field) {
-    vorn_node_guard g(node);
-    return field;
+std::vector<std::string> list_dir(const std::string &host_dir);  // sorted names
+std::string file_at(const std::string &host_dir, size_t i);      // content of the i-th, or ""
+
+// The number of ".YYYY_MM_DD-HH_MM_SS" time suffixes after prefix, or -1.
+int time_suffixes(const std::string &name, const std::string &prefix);
+
+// True when a child of this process has ended and is not yet reaped.
+bool has_zombie_child();
+
+template <typename Pred>
+bool wait_for(Pred pred, int timeout_ms) {
+    for (int waited = 0; waited < timeout_ms && !pred(); waited += 50)
+        usleep(50 * 1000);
+    return pred();
 }
