@@ -84,7 +84,9 @@ TEST(StartupTest, ServesOnItsSocketAndIgnoresABadInheritedSocket) {
     struct stat st;
     bool up = false;
     for (int i = 0; i < 500 && !up; i++) {
-        up = stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+        // The socket is opened to everyone just after bind: wait for "After listen".
+        up = read_file(errfile).find("After listen") != std::string::npos &&
+             stat(sock.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
         if (!up)
             usleep(10000);
     }
