@@ -21,11 +21,25 @@ using FileList = std::vector<std::pair<std::string, std::string>>;
 
 // One line, the device files before it, and what must follow.
 struct AgentCase {
-    const char *line;
+    std::string line;
     FileList before;
     uint32_t code;
     const char *text;  // the answer or message; null: not checked
     FileList after;    // device path -> content (AGENT_NONE: absent)
+};
+
+// Recording "stop" and "start" first on PATH (the hot-plug service is
+// switched through them): each call appends "<name> <args>" to
+// <root>/services.log. PATH is restored on destruction.
+class RecordingServices {
+  public:
+    explicit RecordingServices(const TempRoot &root, bool stop_fails = false);
+    ~RecordingServices();
+    RecordingServices(const RecordingServices &) = delete;
+    RecordingServices &operator=(const RecordingServices &) = delete;
+
+  private:
+    std::string old_path_;
 };
 
 // Runs line (copied into a writable buffer) through dagt_execute.

@@ -26,12 +26,18 @@ void put(const std::string &device_path, const char *content) {
 
 void silent_logger(const struct __android_logger_data *, const char *) {}
 
+void remove_root() {
+    std::error_code ec;
+    std::filesystem::remove_all(g_root, ec);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     char tmpl[] = "/tmp/vorn-fuzz-agent-XXXXXX";
     g_root = mkdtemp(tmpl);
     vorn_set_root(g_root.c_str());
+    atexit(remove_root);
     __android_log_set_logger(silent_logger);
 
     const std::string cs = "/sys/bus/coresight/devices/";

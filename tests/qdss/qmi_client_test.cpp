@@ -86,6 +86,12 @@ TEST_F(QmiClientTest, OneConnectionPerInstanceUntilRelease) {
 }
 
 TEST_F(QmiClientTest, InitFailuresLeaveTheRecordAlone) {
+    // The service description is handed out for exactly 1.0 and tool 6.
+    EXPECT_NE(qdss_get_service_object_internal_v01(1, 0, 6), nullptr);
+    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 1, 6), nullptr);
+    EXPECT_EQ(qdss_get_service_object_internal_v01(2, 0, 6), nullptr);
+    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 0, 5), nullptr);
+
     dagt_result r = marked_result();
     EXPECT_EQ(qmi_qdss_client_init(11, &r), -1);
     EXPECT_EQ(qmi_qdss_client_init(0xffffffffu, &r), -1);
@@ -157,49 +163,6 @@ TEST_F(QmiClientTest, SilentServiceTimesOutAfterFiveSeconds) {
     EXPECT_TRUE(log.has_containing("qmi_set_hw_reg: Failed: rc = -3, entity_resp error = 0."));
     EXPECT_EQ(r.code, 5);
 }
-
-TEST_F(QmiClientTest, ServiceDescription) {
-    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 0, 5), nullptr);
-    EXPECT_EQ(qdss_get_service_object_internal_v01(2, 0, 6), nullptr);
-    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 1, 6), nullptr);
-    qmi_idl_service_object_type svc = qdss_get_service_object_internal_v01(1, 0, 6);
-    ASSERT_NE(svc, nullptr);
-    EXPECT_EQ(svc->service_id, 0x33u);
-    EXPECT_EQ(svc->n_msgs[QMI_IDL_INDICATION], 0);
-    EXPECT_EQ(svc->p_type_table->n_messages, 28);
-    EXPECT_EQ(svc->p_type_table->n_types, 0);
-    ASSERT_EQ(svc->p_type_table->n_referenced_tables, 1);
-    EXPECT_EQ(svc->p_type_table->referenced_tables[0], &common_qmi_idl_type_table_object_v01);
-}
-
-TEST(QmiWireTest, MessageChecks) {
-    Bytes ok = qmi_answer_bytes(1, 0x23, 0, 0);
-    qmi_msg_header h;
-    ASSERT_EQ(qmi_check_message(ok.data(), ok.size(), &h), 0);
-    EXPECT_EQ(h.type, 2);
-    EXPECT_EQ(h.txn, 1);
-    EXPECT_EQ(h.msg_id, 0x23);
-    EXPECT_EQ(qmi_find_tlv(ok.data(), ok.size(), 0x02), 4);
-    EXPECT_EQ(qmi_find_tlv(ok.data(), ok.size(), 0x01), -1);
-
-    const Bytes bad[] = {
-        {},
-        {2, 1, 0, 0x23, 0, 7},                                   // header cut
-        {2, 1, 0, 0x23, 0, 8, 0, 2, 4, 0, 0, 0, 0, 0},           // length too long
-        {2, 1, 0, 0x23, 0, 6, 0, 2, 4, 0, 0, 0, 0, 0},           // length too short
-        {2, 1, 0, 0x23, 0, 7, 0, 2, 5, 0, 0, 0, 0, 0},           // TLV past the end
-        {2, 1, 0, 0x23, 0, 2, 0, 2, 0},                          // TLV header cut
-        {2, 1, 0, 0x23, 0, 9, 0, 2, 4, 0, 0, 0, 0, 0, 1, 0xff},  // second TLV cut
-    };
-    for (const Bytes &b : bad) {
-        EXPECT_EQ(qmi_check_message(b.data(), b.size(), &h), -1) << b.size();
-        EXPECT_EQ(qmi_find_tlv(b.data(), b.size(), 0x02), -1);
-    }
-}
-
-}  // namespace
-
-namespace {
 
 // The answer's TLVs must have the layout's lengths before libqrtr decodes
 // them: it copies by the layout.

@@ -1,0 +1,193 @@
+// The etm family: CPU counts, apps ETMs with hot-plug handling, remote ETMs.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "agent/dagt_cmds.h"
+#include "tests/agent/agent_fixture.h"
+
+namespace {
+
+std::string etm(int n, const char *file = "enable") {
+    return "/sys/bus/coresight/devices/coresight-etm" + std::to_string(n) + "/" + file;
+}
+std::string online(int n) {
+    return "/sys/devices/system/cpu/cpu" + std::to_string(n) + "/online";
+}
+const char *const kProp = "/system/build.prop";
+const char *const kModem = "/sys/bus/coresight/devices/coresight-modem-etm0/enable";
+
+void msm8974(const TempRoot &root) {
+    root.write(kProp, "ro.board.platform=msm8974\n");
+}
+
+TEST(EtmTest, CpuCount) {
+    const struct {
+        const char *platform;
+        const char *present;  // null: no file
+        int cpu_dirs;
+        int32_t count;
+    } cases[] = {
+        {"", "0-3", 4, 0},          {"msm9999", "0-3", 4, 0},   {"msm8226", nullptr, 0, 4},
+        {"MSM8974", nullptr, 0, 4}, {"msm8610", "0-3\n", 0, 4}, {"msm8916", "0-7", 0, 8},
+        {"msm8916", "0-0x3", 0, 4}, {"msm8916", "0", 3, 3},     {"msm8916", "0-x", 1, 1},
+        {"msm8916", "0,2", 20, 17}, {"msm8916", "0", 0, -1},    {"msm8916", nullptr, 4, -1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.platform) + " " + (c.present ? c.present : "-"));
+        TempRoot root;
+        root.write(kProp, std::string("ro.board.platform=") + c.platform + "\n");
+        if (c.present)
+            root.write("/sys/devices/system/cpu/present", c.present);
+        for (int i = 0; i < c.cpu_dirs; i++)
+            root.mkdir("/sys/devices/system/cpu/cpu" + std::to_string(i));
+        EXPECT_EQ(dagt_get_cpu_count(), c.count);
+    }
+}
+
+TEST(EtmTest, AppsEtms) {
+    agent_run_cases(
+        {
+            {"etm apps enable etm_name etm3",
+             {{etm(3), "0"}, {etm(3, "cpu"), "3"}, {online(3), "0"}},
+             0,
+             nullptr,
+             {{etm(3), "1\n"}, {online(3), "1\n"}}},
+            {"ETM APPS DISABLE ETM_NAME ETM1",
+             {{etm(1), "1"}, {etm(1, "cpu"), "1"}, {online(1), "1"}},
+             0,
+             nullptr,
+             {{etm(1), "0\n"}, {online(1), "1"}}},
+            {"etm apps enable etm_name etmx",
+             {{etm(0), "0"}, {etm(0, "cpu"), "0"}, {online(0), "1"}},
+             0,
+             nullptr,
+             {{etm(0), "1\n"}}},
+            // No cpu file: every CPU but the last is brought online.
+            {"etm apps enable etm_name etm2",
+             {{etm(2), "0"},
+              {online(0), "0"},
+              {online(1), "0"},
+              {online(2), "0"},
+              {online(3), "0"}},
+             0,
+             nullptr,
+             {{etm(2), "1\n"},
+              {online(0), "1\n"},
+              {online(1), "1\n"},
+              {online(2), "1\n"},
+              {online(3), "0"}}},
+            // The ETM's CPU cannot be read: the ETM is not touched.
+            {"etm apps enable etm_name etm1",
+             {{etm(1), "0"}, {etm(1, "cpu"), "1"}},
+             6,
+             nullptr,
+             {{etm(1), "0"}}},
+            {"etm apps enable etm_name etm2",
+             {{etm(2, "cpu"), "2"}, {online(2), "1"}},
+             0,
+             nullptr,
+             {{etm(2), AGENT_NONE}}},  // absent ETM: success
+            {"etm apps enable etm_name etm4", {}, 15, "Operation not permitted", {}},
+            {"etm apps enable etm_name etm99999999999", {}, 15, nullptr, {}},
+            {"etm apps enable etm_name cpu0", {}, 2, nullptr, {}},
+            {"etm apps enable name etm0", {}, 9, nullptr, {}},
+            {"etm apps enable etm_name", {}, 2, nullptr, {}},
+            {"etm apps enable etm_name etm0 x", {}, 2, nullptr, {}},
+            {"etm apps get state etm_name etm1",
+             {{etm(1), "0x1"}, {online(1), "0"}},
+             0,
+             "enable",
+             {{online(1), "0"}}},
+            {"etm apps get x etm_name etm2", {{etm(2), "0"}}, 0, "disable", {}},
+            {"etm apps get state etm_name etm2", {}, 6, nullptr, {}},
+            {"etm apps get state etm_name etm4", {}, 15, nullptr, {}},
+            {"etm apps get state name etm1", {}, 2, nullptr, {}},
+            {"etm apps get state etm_name cpu1", {}, 2, nullptr, {}},
+            {"etm apps get state etm_name etm1" + std::string(100, '1'), {}, 15, nullptr, {}},
+            {"etm apps enable", {}, 2, nullptr, {}},
+            {"etm enable", {}, 2, nullptr, {}},
+            {"etm apps foo", {}, 9, nullptr, {}},
+        },
+        msm8974);
+    // A board without ETMs.
+    agent_run_cases(
+        {{"etm apps enable etm_name etm0", {{etm(0), "0"}}, 15, nullptr, {{etm(0), "0"}}},
+         {"etm apps get state etm_name etm0", {{etm(0), "0"}}, 15, nullptr, {}}});
+}
+
+TEST(EtmTest, HotPlugServiceIsAlwaysGivenBack) {
+    const struct {
+        const char *name;
+        bool running;
+        bool stop_fails;
+        FileList files;
+        uint32_t code;
+        const char *calls;
+        const char *etm0;
+    } cases[] = {
+        {"switched",
+         true,
+         false,
+         {{etm(0), "0"}, {etm(0, "cpu"), "0"}, {online(0), "1"}},
+         0,
+         "stop mpdecision\nstart mpdecision\n",
+         "1\n"},
+        {"etm write fails",
+         true,
+         false,
+         {{etm(0), AGENT_DIR}, {etm(0, "cpu"), "0"}, {online(0), "1"}},
+         0,
+         "stop mpdecision\nstart mpdecision\n",
+         nullptr},
+        {"cpu fails",
+         true,
+         false,
+         {{etm(0), "0"}, {etm(0, "cpu"), "0"}},
+         0,
+         "stop mpdecision\nstart mpdecision\n",
+         "0"},
+        {"stop fails",
+         true,
+         true,
+         {{etm(0), "0"}, {etm(0, "cpu"), "0"}, {online(0), "1"}},
+         8,
+         "stop mpdecision\n",
+         "0"},
+        {"not running",
+         false,
+         false,
+         {{etm(0), "0"}, {etm(0, "cpu"), "0"}, {online(0), "1"}},
+         0,
+         "",
+         "1\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        TempRoot root;
+        RecordingServices services(root, c.stop_fails);
+        root.write(kProp, std::string("ro.board.platform=msm8974\n") +
+                              (c.running ? "init.svc.mpdecision=running\n" : ""));
+        agent_setup(root, c.files);
+        dagt_result r = {};
+        EXPECT_EQ(agent_run("etm apps enable etm_name etm0", &r), c.code);
+        EXPECT_EQ(root.read("/services.log"), c.calls);
+        if (c.etm0) {
+            EXPECT_EQ(root.read(etm(0)), c.etm0);
+        }
+    }
+}
+
+TEST(EtmTest, RemoteEtms) {
+    agent_run_cases({
+        {"etm modem enable", {{kModem, "0"}}, 0, nullptr, {{kModem, "1\n"}}},
+        {"etm modem disable", {{kModem, "1"}}, 0, nullptr, {{kModem, "0\n"}}},
+        {"etm Modem disable", {{kModem, "1"}}, 6, nullptr, {{kModem, "1"}}},  // path as typed
+        {"etm wcn enable", {}, 6, "Open device failed", {}},
+        {"etm foo enable", {}, 2, "Debug Agent input param error", {}},
+        {"etm modem get", {{kModem, "1"}}, 2, nullptr, {}},
+        {"etm modem enable now", {{kModem, "0"}}, 2, nullptr, {{kModem, "0"}}},
+    });
+}
+
+}  // namespace
