@@ -273,6 +273,7 @@ int vorn_config_choose() {
         count = count_children(root);
         if (count == 0) {
             VLOGE("No log entry in log configuration file.");
+            xmlFreeDoc(doc);
             return -1;
         }
     }

@@ -9,6 +9,7 @@
 
 #include "core/daemon/control_request.h"
 #include "core/daemon/control_socket.h"
+#include "core/daemon/startup.h"
 #include "core/node.h"
 #include "platform/log.h"
 
@@ -36,7 +37,7 @@ void vornd_serve_connection(int listen_fd) {
     int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         VLOGE("Failed to accept socket.  return:%d  err:%s\n", fd, strerror(errno));
-        free(vorn_nodes);
+        vornd_free_nodes();
         exit(-1);
     }
 

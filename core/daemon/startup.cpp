@@ -136,6 +136,17 @@ int vornd_load_nodes(int elements, bool start_workers) {
     return 0;
 }
 
+void vornd_free_nodes() {
+    if (vorn_nodes != nullptr) {
+        // Slots past the count are zeroed (see vornd_load_nodes).
+        for (int i = 0; i <= vorn_node_count; i++)
+            release_node_texts(&vorn_nodes[i]);
+        free(vorn_nodes);
+    }
+    vorn_nodes = nullptr;
+    vorn_node_count = 0;
+}
+
 int vornd_main(int argc, char **argv) {
     const char *root = nullptr;
     int rc = parse_args(argc, argv, &root);
@@ -166,7 +177,7 @@ int vornd_main(int argc, char **argv) {
         int listen_fd = vornd_create_socket();
         if (listen_fd < 0) {
             VLOGE("Can't creat socket");
-            free(vorn_nodes);
+            vornd_free_nodes();
             return -1;
         }
 

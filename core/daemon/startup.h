@@ -14,3 +14,7 @@ int vornd_main(int argc, char **argv);
 // be allocated. start_workers false loads without starting any thread (the
 // configuration fuzzer).
 int vornd_load_nodes(int elements, bool start_workers = true);
+
+// Frees the node table with the texts its records own (the exit paths, and
+// tests that load configurations one after another).
+void vornd_free_nodes();

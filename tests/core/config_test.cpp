@@ -32,7 +32,7 @@ class ConfigTest : public ::testing::Test {
     int load() {
         int n = vorn_config_choose();
         if (n > 0) {
-            EXPECT_EQ(vornd_load_nodes(n), 0);
+            EXPECT_EQ(vornd_load_nodes(n, false), 0);
         }
         return n;
     }
@@ -223,7 +223,7 @@ TEST_F(ConfigTest, BadInputTakesTheSpecifiedPaths) {
             EXPECT_LT(n, 0);
         } else {
             EXPECT_EQ(n, c.expect);
-            ASSERT_EQ(vornd_load_nodes(n), 0);
+            ASSERT_EQ(vornd_load_nodes(n, false), 0);
             EXPECT_LE(strlen(gbl_config.log_path), 116u);
         }
     }

@@ -6,20 +6,12 @@
 #include <cstring>
 
 #include "core/config.h"
+#include "core/daemon/startup.h"
 #include "core/gbl_config.h"
 #include "core/node.h"
 
 void reset_daemon_state() {
-    if (vorn_nodes != nullptr) {
-        for (int i = 0; i <= vorn_node_count; i++) {
-            free(vorn_nodes[i].log_provider);
-            free(vorn_nodes[i].log_filepath);
-            free(vorn_nodes[i].mask_link);
-        }
-        free(vorn_nodes);
-    }
-    vorn_nodes = nullptr;
-    vorn_node_count = 0;
+    vornd_free_nodes();
     if (vorn_conf_doc != nullptr)
         xmlFreeDoc(vorn_conf_doc);
     vorn_conf_doc = nullptr;

@@ -29,7 +29,7 @@ class RegistryTest : public ::testing::Test {
         root.write(VORN_SYSTEM_CONF, make_conf("1", "enable=\"0\"", nodes));
         int n = vorn_config_choose();
         EXPECT_GT(n, 0);
-        EXPECT_EQ(vornd_load_nodes(n), 0);
+        EXPECT_EQ(vornd_load_nodes(n, false), 0);
         return n;
     }
 
@@ -119,6 +119,7 @@ TEST_F(RegistryTest, FindNodeIndexProbesOnePastTheLastNode) {
     EXPECT_EQ(find_node_index(nullptr), VORN_NO_NODE);
     vorn_node_count = 0;
     EXPECT_EQ(find_node_index("Dmesg"), VORN_NO_NODE);
+    vorn_node_count = 3;
 }
 
 TEST_F(RegistryTest, NullArgumentsAndAMissingRowName) {
@@ -166,7 +167,8 @@ char g_name[32];
 void *record_name(void *) {
     for (int i = 0; i < 500; i++) {
         pthread_getname_np(pthread_self(), g_name, sizeof g_name);
-        if (strncmp(g_name, "vorn", 4) == 0) break;
+        if (strncmp(g_name, "vorn", 4) == 0)
+            break;
         usleep(10000);
     }
     g_calls++;

@@ -22,16 +22,7 @@ namespace {
 std::string g_root;
 
 void reset() {
-    if (vorn_nodes != nullptr) {
-        for (int i = 0; i <= vorn_node_count; i++) {
-            free(vorn_nodes[i].log_provider);
-            free(vorn_nodes[i].log_filepath);
-            free(vorn_nodes[i].mask_link);
-        }
-        free(vorn_nodes);
-    }
-    vorn_nodes = nullptr;
-    vorn_node_count = 0;
+    vornd_free_nodes();
     if (vorn_conf_doc)
         xmlFreeDoc(vorn_conf_doc);
     vorn_conf_doc = nullptr;
