@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/core/daemon_state.h"
+#include "tests/support/conf_text.h"
 #include "tests/e2e/daemon_fixture.h"
 #include "tests/support/temp_root.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "core/gbl_config.h"
-#include "tests/core/daemon_state.h"
+#include "tests/support/conf_text.h"
 #include "tests/e2e/daemon_fixture.h"
 
 namespace {
