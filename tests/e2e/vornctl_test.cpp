@@ -1,0 +1,158 @@
+// vornctl against the real daemon: output, exit statuses and error lines.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/core/daemon_state.h"
+#include "tests/e2e/daemon_fixture.h"
+
+namespace {
+
+class VornctlTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // Gone lacks a provider: the daemon drops it at load.
+        d.write_config(make_conf(
+            "1", "enable=\"0\" loglevel=\"2\" time=\"30\" size=\"4096\" log_path=\"/sdcard/logs/\"",
+            pipe_node("Alpha", "loglevel=\"3\" size=\"2048\" mask=\"m1\"") + pipe_node("Beta") +
+                "  <Gone logname=\"Gone\" enable=\"0\" logtype=\"128\"/>\n"));
+        ASSERT_TRUE(d.start()) << d.log();
+    }
+
+    // Runs vornctl and checks its exit status and that stderr is empty on
+    // success and one line otherwise.
+    ProcessResult ctl(const std::vector<std::string> &args, int status) {
+        ProcessResult r = d.vornctl(args);
+        std::string what = args.empty() ? "" : args[0];
+        EXPECT_EQ(r.exit_status, status) << what << ": " << r.out << r.err;
+        if (status == 0) {
+            EXPECT_EQ(r.err, "") << what;
+        } else {
+            EXPECT_EQ(r.err.rfind("vornctl: ", 0), 0u) << what << ": " << r.err;
+            EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << what << ": " << r.err;
+        }
+        return r;
+    }
+
+    // Waits until query NAME prints text.
+    bool wait_query(const std::string &name, const std::string &text) {
+        for (int i = 0; i < 50; i++) {
+            if (d.vornctl({"query", name}).out.find(text) != std::string::npos)
+                return true;
+            usleep(100000);
+        }
+        return false;
+    }
+
+    DaemonFixture d;
+};
+
+TEST_F(VornctlTest, NodeAndGlobalCommands) {
+    EXPECT_EQ(ctl({"query", "Alpha"}, 0).out,
+              "slot=1 name=Alpha enabled=0 level=3 time=0 size=2048 mask=m1\n");
+    EXPECT_EQ(ctl({"--json", "query", "Alpha"}, 0).out,
+              "{\"slot\":1,\"name\":\"Alpha\",\"enabled\":0,\"level\":3,\"time\":0,\"size\":2048,"
+              "\"mask\":\"m1\"}\n");
+    EXPECT_NE(ctl({"query", "Nope"}, 1).err.find("unknown node Nope"), std::string::npos);
+    EXPECT_EQ(ctl({"global"}, 0).out,
+              "enabled=0 level=2 time=30 size=4096 log_path=/sdcard/logs/\n");
+
+    // enable keeps the current mask unless given one; the change lands within
+    // the dispatcher's second.
+    ctl({"enable", "Alpha", "--mask", "m2"}, 0);
+    EXPECT_TRUE(wait_query("Alpha", "enabled=1 level=3 time=0 size=2048 mask=m2"));
+    ctl({"new-file", "Alpha"}, 0);
+    ctl({"disable", "Alpha"}, 0);
+    EXPECT_TRUE(wait_query("Alpha", "enabled=0 level=3 time=0 size=2048 mask=m2"));
+    EXPECT_NE(d.working_xml().find("enable=\"0\" logtype=\"128\" log_provider=\"echo hi\" "
+                                   "log_filepath=\"Alpha/Alpha\" loglevel=\"3\" size=\"2048\" "
+                                   "mask=\"m2\""),
+              std::string::npos)
+        << d.working_xml();
+    // The new-file request carried bit 1 and the unchanged state.
+    EXPECT_FALSE(d.log_lines("enable is 3").empty());
+    EXPECT_EQ(ctl({"disable", "Nope"}, 1).out, "");
+
+    EXPECT_EQ(ctl({"set-log-path", "/sdcard/other"}, 0).out, "log path is now /sdcard/other\n");
+    EXPECT_EQ(ctl({"status"}, 0).out,
+              "SLOT NAME            ENABLED LEVEL SIZE       MASK\n"
+              "1    Alpha           0       3     2048       m2\n"
+              "2    Beta            0       2     4096       \n"
+              "-    Gone            -       -     -          -\n");
+    EXPECT_EQ(ctl({"status", "--json"}, 0)
+                  .out.rfind("[{\"slot\":1,\"name\":\"Alpha\",\"enabled\":0,"
+                             "\"level\":3,\"size\":2048,\"mask\":\"m2\"},",
+                             0),
+              0u);
+
+    std::string agent = ctl({"agent", "stm", "get", "state"}, 0).out;
+    EXPECT_NE(agent.find("no reply"), std::string::npos);
+    EXPECT_FALSE(d.wait_for_log("Message recieved size:256 type:7").empty());
+
+    // Usage errors, and a socket nobody listens on.
+    for (const auto &args :
+         std::vector<std::vector<std::string>>{{},
+                                               {"bogus"},
+                                               {"query"},
+                                               {"query", "a", "b"},
+                                               {"--bogus", "status"},
+                                               {"enable", "Alpha", "--mask"},
+                                               {"disable", "Alpha", "--mask", "x"},
+                                               {"enable", "Alpha", "--mask", std::string(100, 'm')},
+                                               {"set-log-path", std::string(117, 'p')},
+                                               {"agent"},
+                                               {"agent", std::string(255, 'a')},
+                                               {"archive", "Crash"},
+                                               {"--timeout", "0", "global"},
+                                               {"global", "--wait"}}) {
+        ctl(args, 2);
+    }
+    EXPECT_EQ(ctl({"--help"}, 0).out.rfind("Usage: vornctl", 0), 0u);
+    EXPECT_NE(ctl({"--socket", d.at("/dev/socket/none"), "global"}, 3).err.find("cannot connect"),
+              std::string::npos);
+    EXPECT_TRUE(d.alive());
+}
+
+TEST_F(VornctlTest, AgentSummaryFromTheLog) {
+    ctl({"agent", "delay", "5"}, 0);
+    if (!d.wait_for_log("Execute command (delay 5) failed: 104", 1000).empty())
+        GTEST_SKIP() << "the Debug Agent is not built yet";
+    std::string log = d.stderr_path();
+    ProcessResult r =
+        d.vornctl({"agent", "--follow-log", "--log", log, "--timeout", "3", "delay", "5"});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_EQ(r.out, "Success to run command: delay->5;Resp: \n");
+    r = d.vornctl({"agent", "--follow-log", "--log", log, "--timeout", "3", "foo"});
+    EXPECT_EQ(r.exit_status, 1);  // an unknown word builds no summary line
+}
+
+TEST_F(VornctlTest, ArchiveAndItsBroadcast) {
+    d.write("/data/crash/description_2016_01_02.txt", "why\n");
+    d.write("/data/crash/ramdump.bin", std::string(10000, 'r'));
+    ProcessResult r = ctl({"archive", "Crash", "/data/crash"}, 0);
+    std::string upload = d.at("/sdcard/logs/upload/Crash");
+    EXPECT_EQ(r.out,
+              "archive of /data/crash will appear as " + upload + "/log_2016_01_02.txt.zip\n");
+    if (!d.wait_for_log("mini_zip: archive is not built yet", 1000).empty())
+        GTEST_SKIP() << "the archive is not built yet";
+
+    d.write("/data/crash2/description_2017_03_04.txt", "why\n");
+    d.write("/data/crash2/ramdump.bin", "r");
+    r = ctl({"archive", "--wait", "Crash", "/data/crash2"}, 0);
+    EXPECT_EQ(r.out.rfind(upload + "/log_2017_03_04.txt.zip: ", 0), 0u) << r.out;
+    EXPECT_NE(r.out.find(" bytes, 2 entries\n"), std::string::npos) << r.out;
+
+    // A broadcast whose am always fails is run 4 times.
+    d.set_am_exit_status(1);
+    size_t before = d.broadcasts().size();
+    ctl({"archive", "Crash", "/data/no-such-dir"}, 0);
+    for (int i = 0; i < 50 && d.broadcasts().size() < before + 4; i++)
+        usleep(100000);
+    usleep(300000);
+    ASSERT_EQ(d.broadcasts().size(), before + 4);
+    EXPECT_EQ(d.broadcasts().back(),
+              "broadcast -a action.kymbal.from_vornd --ei result -3 --es para UPLOAD");
+}
+
+}  // namespace

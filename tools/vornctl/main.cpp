@@ -1,0 +1,123 @@
+// vornctl: options, usage and the command table.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tools/vornctl/vornctl.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: vornctl [OPTIONS] COMMAND [ARGS]\n"
+    "\n"
+    "Talks to vornd over its control socket /dev/socket/vornd.\n"
+    "\n"
+    "Commands:\n"
+    "  query NAME               a node's slot, state, level, time, size and mask\n"
+    "  enable NAME [--mask M]   switch a node on (with mask M; default: its current mask)\n"
+    "  disable NAME             switch a node off\n"
+    "  new-file NAME            ask the node's worker to start a new log file\n"
+    "  global                   the global settings\n"
+    "  set-log-path PATH        change the log root of every node\n"
+    "  agent LINE...            run a Debug Agent line (the daemon sends no reply;\n"
+    "                           --follow-log --log FILE shows its summary line in FILE)\n"
+    "  archive LOGNAME DIR      zip DIR into <log path>/upload/LOGNAME/ (the daemon sends\n"
+    "                           no reply; --wait waits for the archive and describes it)\n"
+    "  status                   one line per node of the working configuration\n"
+    "\n"
+    "Options:\n"
+    "  --root DIR      the daemon's device root (vornd --root DIR)\n"
+    "  --socket PATH   the control socket (default: /dev/socket/vornd under the root)\n"
+    "  --json          print JSON\n"
+    "  --timeout SEC   how long to wait for a reply (10), a summary line (5) or an archive (60)\n"
+    "  --help          print this help\n"
+    "\n"
+    "Node changes are queued: the daemon applies one a second.\n"
+    "Exit status: 0 success, 1 no reply or unknown node, 2 usage, 3 cannot connect.\n";
+
+struct command {
+    const char *name;
+    int (*run)(const ctl_options &);
+};
+
+const command kCommands[] = {
+    {"query", cmd_query},        {"enable", cmd_set_state}, {"disable", cmd_set_state},
+    {"new-file", cmd_set_state}, {"global", cmd_global},    {"set-log-path", cmd_set_log_path},
+    {"agent", cmd_agent},        {"archive", cmd_archive},  {"status", cmd_status},
+};
+
+// Returns -1 to go on, or the exit status.
+int parse(int argc, char **argv, ctl_options *o) {
+    bool options_done = false;
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (options_done || a.size() < 2 || a.compare(0, 2, "--") != 0) {
+            o->args.push_back(a);
+            continue;
+        }
+        if (a == "--") {
+            options_done = true;
+            continue;
+        }
+        if (a == "--help") {
+            fputs(kUsage, stdout);
+            return CTL_OK;
+        }
+        if (a == "--json") {
+            o->json = true;
+            continue;
+        }
+        if (a == "--wait") {
+            o->wait = true;
+            continue;
+        }
+        if (a == "--follow-log") {
+            o->follow_log = true;
+            continue;
+        }
+        std::string *value = a == "--root"     ? &o->root
+                             : a == "--socket" ? &o->socket
+                             : a == "--mask"   ? &o->mask
+                             : a == "--log"    ? &o->log_file
+                                               : nullptr;
+        bool is_timeout = a == "--timeout";
+        if (value == nullptr && !is_timeout)
+            return ctl_fail(CTL_USAGE, "unknown option %s (see --help)", a.c_str());
+        if (i + 1 >= argc)
+            return ctl_fail(CTL_USAGE, "%s needs a value", a.c_str());
+        const char *v = argv[++i];
+        if (is_timeout) {
+            char *end = nullptr;
+            long t = strtol(v, &end, 10);
+            if (*v == '\0' || *end != '\0' || t < 1 || t > 3600)
+                return ctl_fail(CTL_USAGE, "--timeout takes 1 to 3600 seconds");
+            o->timeout_sec = static_cast<int>(t);
+            continue;
+        }
+        *value = v;
+        if (a == "--mask")
+            o->has_mask = true;
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    ctl_options o;
+    int rc = parse(argc, argv, &o);
+    if (rc >= 0)
+        return rc;
+    if (o.args.empty())
+        return ctl_fail(CTL_USAGE, "no command (see --help)");
+    if (o.wait && o.args[0] != "archive")
+        return ctl_fail(CTL_USAGE, "--wait goes with archive only");
+    if ((o.follow_log || !o.log_file.empty()) && o.args[0] != "agent")
+        return ctl_fail(CTL_USAGE, "--follow-log and --log go with agent only");
+    for (const auto &c : kCommands) {
+        if (o.args[0] == c.name)
+            return c.run(o);
+    }
+    return ctl_fail(CTL_USAGE, "unknown command %s (see --help)", o.args[0].c_str());
+}
