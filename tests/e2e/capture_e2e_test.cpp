@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/conf_text.h"
 #include "tests/e2e/daemon_fixture.h"
+#include "tests/support/conf_text.h"
 #include "tests/support/temp_root.h"
 
 namespace {

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "core/ctrl_msg.h"
+#include "tests/support/file_saves.h"
 #include "tests/support/process.h"
 
 // What one connection to the control socket saw.
@@ -52,6 +53,8 @@ class DaemonFixture {
     void write_config(std::string_view xml) const;
     // The working copy "/data/vorn-conf.xml" as it is now.
     std::string working_xml() const { return read("/data/vorn-conf.xml"); }
+    // Counts the saves of the working copy from now on.
+    FileSaves working_saves() const { return FileSaves(at("/data"), "vorn-conf.xml"); }
 
     // The recording am: every run appends one entry (its arguments joined by
     // blanks) and exits with the given status (0 until changed).
@@ -69,7 +72,8 @@ class DaemonFixture {
     // Exit status (or 128 + signal) once it has exited, -1 before.
     int exit_status();
 
-    // The daemon's stderr (threadtime log lines).
+    // The daemon's stderr (threadtime log lines), and its file.
+    const std::string &stderr_path() const { return stderr_path_; }
     std::string log(size_t from = 0) const;
     // The current end of the log: pass it as `from` to look only at later lines.
     size_t log_mark() const;

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "tests/core/daemon_state.h"
 #include "tests/e2e/daemon_fixture.h"
+#include "tests/support/conf_text.h"
 
 namespace {
 

@@ -1,0 +1,200 @@
+// Applying one queued change: write-back, ops, workers and failures, on a
+// node table loaded in memory with recording ops.
+#include <android/log.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/config.h"
+#include "core/daemon/dispatcher.h"
+#include "core/daemon/startup.h"
+#include "core/node_ops.h"
+#include "tests/core/daemon_state.h"
+#include "tests/support/file_saves.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+std::vector<std::string> g_calls;
+int g_op_result = 0;
+bool g_op_stores = true;  // whether a failing op stored the new state first
+std::atomic<int> g_workers{0};
+
+int rec_enable(vorn_node *node, const vorn_ctrl_msg *cmd) {
+    g_calls.push_back(std::string("enable ") + node->logname);
+    if (g_op_stores)
+        set_node_state(node, cmd);
+    return g_op_result;
+}
+
+int rec_disable(vorn_node *node, const vorn_ctrl_msg *cmd) {
+    g_calls.push_back(std::string("disable ") + node->logname);
+    if (g_op_stores)
+        set_node_state(node, cmd);
+    return g_op_result;
+}
+
+void *rec_work(void *) {
+    g_workers++;
+    return nullptr;
+}
+
+const vorn_node_ops kRecordingRow = {"Recording", nullptr, rec_enable, rec_disable, rec_work};
+
+class DispatcherTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        reset_daemon_state();
+        g_calls.clear();
+        g_op_result = 0;
+        g_op_stores = true;
+        g_workers = 0;
+        root.mkdir("/data");
+        // "Other" holds the node Lone: no element has Lone's name as its tag.
+        root.write(
+            VORN_SYSTEM_CONF,
+            make_conf("1", "enable=\"0\"",
+                      pipe_node("Alpha", "mask=\"a0\"") +
+                          "  <Beta logname=\"Beta\" enable=\"1\" logtype=\"128\" "
+                          "log_provider=\"x\" log_filepath=\"x\" mask=\"b0\"/>\n" +
+                          "  <DumpParser logname=\"DumpParser\" logtype=\"32\" mask=\"dp\"/>\n"
+                          "  <Other logname=\"Lone\" logtype=\"128\" log_provider=\"x\" "
+                          "log_filepath=\"x\"/>\n"));
+        int n = vorn_config_choose();
+        ASSERT_EQ(n, 5);
+        ASSERT_EQ(vornd_load_nodes(n, false), 0);
+        for (int i = 1; i < vorn_node_count; i++)
+            vorn_nodes[i].ops = &kRecordingRow;
+    }
+    void TearDown() override { reset_daemon_state(); }
+
+    int apply(const char *name, uint8_t enable, const char *mask) {
+        auto *cmd = static_cast<vorn_pending_cmd *>(calloc(1, sizeof(vorn_pending_cmd)));
+        cmd->msg.msg_type = VORN_MSG_SET_NODE;
+        cmd->msg.enable = enable;
+        vorn_msg_put_text(cmd->msg.logname, sizeof cmd->msg.logname, name);
+        vorn_msg_put_text(cmd->msg.mask, sizeof cmd->msg.mask, mask);
+        int rc = vornd_dispatch_cmd(cmd);
+        if (rc != 0)
+            free(cmd);  // not freed by the dispatcher
+        return rc;
+    }
+    vorn_node *node(const char *name) { return &vorn_nodes[find_node_index(name)]; }
+    std::string attr(const char *tag, const char *name) {
+        xmlNodePtr el = vorn_config_find_element(tag);
+        xmlChar *v = el ? xmlGetProp(el, BAD_CAST name) : nullptr;
+        std::string s = v ? reinterpret_cast<char *>(v) : "<none>";
+        xmlFree(v);
+        return s;
+    }
+    // The attribute as saved in the working file.
+    bool saved(const std::string &text) {
+        return root.read(VORN_WORK_CONF).find(text) != std::string::npos;
+    }
+    void wait_workers(int n) {
+        for (int i = 0; i < 100 && g_workers < n; i++)
+            usleep(10000);
+        usleep(20000);
+    }
+
+    TempRoot root;
+    LogCapture log;
+};
+
+TEST_F(DispatcherTest, EnableWritesBackEachAttributeStartsTheWorkerAndCallsTheOp) {
+    FileSaves saves(root.at("/data"), "vorn-conf.xml");
+    EXPECT_EQ(apply("Alpha", 1, "m1"), 0);
+    EXPECT_EQ(g_calls, std::vector<std::string>{"enable Alpha"});
+    wait_workers(1);
+    EXPECT_EQ(g_workers, 1);
+    EXPECT_EQ(saves.count(), 2);  // enable, then mask
+    EXPECT_TRUE(saved("<Alpha logname=\"Alpha\" enable=\"1\""));
+    EXPECT_TRUE(saved("mask=\"m1\""));
+    vorn_node *a = node("Alpha");
+    EXPECT_EQ(a->enable, 1);
+    EXPECT_STREQ(a->mask, "m1");
+    EXPECT_EQ(a->pending_change, 1);
+
+    // A running worker is not started again; a disable starts none.
+    a->worker_thread = 42;
+    EXPECT_EQ(apply("Alpha", 1, "m2"), 0);
+    EXPECT_EQ(apply("Beta", 0, "b0"), 0);
+    wait_workers(2);
+    EXPECT_EQ(g_workers, 1);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"enable Alpha", "enable Alpha", "disable Beta"}));
+    EXPECT_EQ(attr("Beta", "enable"), "0");
+}
+
+TEST_F(DispatcherTest, NewFileRequestWithTheCurrentStateWritesNothing) {
+    FileSaves saves(root.at("/data"), "vorn-conf.xml");
+    EXPECT_EQ(apply("Beta", 3, "b0"), 0);
+    EXPECT_EQ(node("Beta")->new_file_request, 1);
+    EXPECT_EQ(apply("Beta", 0xFF, "b0"), 0);
+    EXPECT_EQ(node("Beta")->new_file_request, 0x7F);
+    EXPECT_EQ(apply("Beta", 1, "b0"), 0);  // bits 1-7 clear: the request is withdrawn
+    EXPECT_EQ(node("Beta")->new_file_request, 0);
+    EXPECT_TRUE(g_calls.empty());
+    EXPECT_EQ(saves.count(), 0);
+}
+
+TEST_F(DispatcherTest, DumpParserKeepsItsMaskAndALoneNodeChangesInMemoryOnly) {
+    FileSaves saves(root.at("/data"), "vorn-conf.xml");
+    EXPECT_EQ(apply("DumpParser", 1, "/data/dump"), 0);
+    EXPECT_EQ(saves.count(), 1);
+    EXPECT_EQ(attr("DumpParser", "enable"), "1");
+    EXPECT_EQ(attr("DumpParser", "mask"), "dp");
+    EXPECT_STREQ(node("DumpParser")->mask, "/data/dump");
+
+    EXPECT_EQ(apply("Lone", 1, "l1"), 0);
+    EXPECT_EQ(saves.count(), 1);
+    EXPECT_EQ(node("Lone")->enable, 1);
+    EXPECT_EQ(attr("Other", "enable"), "<none>");
+}
+
+TEST_F(DispatcherTest, AFailedOpUndoesTheStateBitButNotTheFile) {
+    struct Case {
+        const char *name;
+        uint8_t enable;
+        bool stores;
+        const char *message;
+        uint8_t state_after;
+    } cases[] = {
+        // The op stored the new state: flipping restores the old one.
+        {"Alpha", 1, true, "fail to set Alpha enable\n", 0},
+        // The op stored nothing: the message names the old state, and the
+        // flip leaves the wanted one.
+        {"Beta", 0, false, "fail to set Beta enable\n", 0},
+    };
+    g_op_result = -1;
+    for (const auto &c : cases) {
+        log.clear();
+        g_op_stores = c.stores;
+        EXPECT_EQ(apply(c.name, c.enable, "changed"), 0);
+        EXPECT_EQ(log.find(c.message).prio, ANDROID_LOG_ERROR) << c.name << "\n" << log.dump();
+        EXPECT_EQ(node(c.name)->enable, c.state_after) << c.name;
+        EXPECT_EQ(node(c.name)->pending_change, 0) << c.name;
+        EXPECT_EQ(attr(c.name, "enable"), std::to_string(c.enable)) << c.name;
+        EXPECT_EQ(attr(c.name, "mask"), "changed") << c.name;
+    }
+}
+
+TEST_F(DispatcherTest, UnknownNamesAreReportedAndLeftToTheCaller) {
+    EXPECT_EQ(apply("Nope", 1, ""), -1);
+    EXPECT_EQ(log.find("Invalid logname: Nope").prio, ANDROID_LOG_ERROR);
+    // A name that fills its field without a terminator is read as 16 characters.
+    auto *cmd = static_cast<vorn_pending_cmd *>(malloc(sizeof(vorn_pending_cmd)));
+    memset(&cmd->msg, 'A', sizeof cmd->msg);
+    cmd->msg.enable = 1;
+    EXPECT_EQ(vornd_dispatch_cmd(cmd), -1);
+    free(cmd);
+    EXPECT_TRUE(log.has("Invalid logname: AAAAAAAAAAAAAAAA"));
+    EXPECT_TRUE(g_calls.empty());
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+// The shell runner's status cases and the broadcast retries.
+#include <android/log.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "core/shell.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+TEST(ShellTest, RunCommandReturnsTheRawStatusAndLogsHowItEnded) {
+    struct Case {
+        const char *cmd;
+        int status;
+        std::vector<std::pair<int, std::string>> logged;  // priority, message
+    } cases[] = {
+        {"exit 0", 0, {}},
+        {"exit 2", 512, {}},
+        {"kill -9 $$", 9, {{ANDROID_LOG_ERROR, "command(kill -9 $$) terminated by signal 9\n"}}},
+        // Status 1 logs both messages.
+        {"kill -1 $$",
+         1,
+         {{ANDROID_LOG_DEBUG, "Empty command \n"},
+          {ANDROID_LOG_ERROR, "command(kill -1 $$) terminated by signal 1\n"}}},
+    };
+    LogCapture log;
+    for (const auto &c : cases) {
+        log.clear();
+        EXPECT_EQ(run_command(c.cmd), c.status) << c.cmd;
+        auto lines = log.lines();
+        ASSERT_EQ(lines.size(), c.logged.size()) << c.cmd << "\n" << log.dump();
+        for (size_t i = 0; i < lines.size(); i++) {
+            EXPECT_EQ(lines[i].prio, c.logged[i].first) << c.cmd;
+            EXPECT_EQ(lines[i].msg, c.logged[i].second) << c.cmd;
+        }
+    }
+}
+
+// An am first on PATH that records its arguments and fails its first
+// `fails` runs.
+class BroadcastTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        old_path_ = getenv("PATH");
+        setenv("PATH", (dir.path() + "/bin:" + old_path_).c_str(), 1);
+    }
+    void TearDown() override { setenv("PATH", old_path_.c_str(), 1); }
+
+    void install_am(int fails) {
+        std::string log = dir.path() + "/am.log";
+        write_file(dir.path() + "/bin/am", "#!/bin/sh\necho \"$*\" >>'" + log + "'\n[ $(wc -l <'" +
+                                               log + "') -gt " + std::to_string(fails) +
+                                               " ] || exit 1\n");
+        chmod((dir.path() + "/bin/am").c_str(), 0755);
+        remove(log.c_str());
+    }
+    size_t runs() {
+        std::string text = read_file(dir.path() + "/am.log");
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    }
+
+    TempRoot dir;
+    std::string old_path_;
+};
+
+TEST_F(BroadcastTest, RetriesUntilAmSucceedsAtMostFourRuns) {
+    LogCapture log;
+    for (auto [fails, runs_expected] : {std::pair{0, 1u}, {2, 3u}, {100, 4u}}) {
+        install_am(fails);
+        send_broadcast(VORN_BROADCAST_ACTION, "--ei result 0 --es para \"UPLOAD\"");
+        EXPECT_EQ(runs(), runs_expected) << fails << " failing runs";
+    }
+    std::string recorded = read_file(dir.path() + "/am.log");
+    EXPECT_EQ(recorded.substr(0, recorded.find('\n') + 1),
+              "broadcast -a action.kymbal.from_vornd --ei result 0 --es para UPLOAD\n");
+    EXPECT_EQ(log.count("broadcast: am broadcast -a action.kymbal.from_vornd --ei result 0 --es "
+                        "para \"UPLOAD\""),
+              3u);
+}
+
+}  // namespace

@@ -1,0 +1,123 @@
+// Node changes through the dispatch thread, as a client and the working file
+// see them: order and pacing, write-back, and what a restart finds.
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "tests/e2e/daemon_fixture.h"
+#include "tests/support/conf_text.h"
+
+namespace {
+
+// The attribute of the working file's element tag, or "<no element>" /
+// "<unreadable>".
+std::string xml_attr(const std::string &xml, const char *tag, const char *name) {
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "work.xml", nullptr,
+                                  XML_PARSE_NOBLANKS | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    if (doc == nullptr)
+        return "<unreadable>";
+    std::string out = "<no element>";
+    for (xmlNodePtr el = xmlFirstElementChild(xmlDocGetRootElement(doc)); el != nullptr;
+         el = xmlNextElementSibling(el)) {
+        if (strcmp(reinterpret_cast<const char *>(el->name), tag) == 0) {
+            xmlChar *v = xmlGetProp(el, BAD_CAST name);
+            out = v ? reinterpret_cast<const char *>(v) : "<no attribute>";
+            xmlFree(v);
+            break;
+        }
+    }
+    xmlFreeDoc(doc);
+    return out;
+}
+
+TEST(DispatchTest, ChangesAreAppliedInOrderAndWrittenBack) {
+    DaemonFixture d;
+    d.write_config(make_conf(
+        "1", "enable=\"0\" log_path=\"/sdcard/logs/\"",
+        pipe_node("Alpha", "mask=\"a0\"") + pipe_node("Beta", "mask=\"b0\"") +
+            "  <DumpParser logname=\"DumpParser\" enable=\"0\" logtype=\"32\" mask=\"dp\"/>\n"));
+    ASSERT_TRUE(d.start()) << d.log();
+    auto send = [&](const char *name, uint8_t enable, const char *mask) {
+        CtrlExchange r = d.exchange(ctrl_msg(VORN_MSG_SET_NODE, name, enable, mask));
+        EXPECT_EQ(r.reply, std::string(1, '\x80') + std::string(255, '\0')) << name;
+    };
+
+    // Two changes sent back to back: applied in arrival order, a second apart.
+    size_t mark = d.log_mark();
+    send("Alpha", 1, "first");
+    send("Beta", 1, "b2");
+    size_t next = 0;
+    std::string alpha = d.wait_for_log("vorn_node_enable: enable Alpha", 5000, mark, &next);
+    std::string beta = d.wait_for_log("vorn_node_enable: enable Beta", 5000, next);
+    ASSERT_FALSE(alpha.empty() || beta.empty());
+    EXPECT_GE(log_line_ms(beta) - log_line_ms(alpha), 999) << alpha << "\n" << beta;
+    std::string xml = d.working_xml();
+    EXPECT_EQ(xml_attr(xml, "Alpha", "enable"), "1");
+    EXPECT_EQ(xml_attr(xml, "Alpha", "mask"), "first");
+    EXPECT_EQ(xml_attr(xml, "Beta", "mask"), "b2");
+    CtrlExchange q = d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha"));
+    ASSERT_EQ(q.reply.size(), 256u);
+    EXPECT_EQ(q.reply[2], 1);                     // enable
+    EXPECT_STREQ(q.reply.c_str() + 28, "first");  // mask
+
+    // A new-file request with the current state and mask writes nothing and
+    // calls no op. The change after it proves it has been handled.
+    FileSaves saves = d.working_saves();
+    mark = d.log_mark();
+    send("Alpha", 3, "first");
+    send("Beta", 0, "b2");
+    ASSERT_FALSE(d.wait_for_log("vorn_node_disable: disable Beta", 5000, mark).empty());
+    EXPECT_TRUE(d.log_lines("enable Alpha", mark).empty());
+    EXPECT_EQ(d.log_lines("Got pending cmd", mark).size(), 2u);
+    EXPECT_EQ(saves.count(), 2);  // Beta's enable and mask, nothing for Alpha
+
+    // The DumpParser element keeps its mask; its enable is written back even
+    // when its op fails.
+    mark = d.log_mark();
+    send("DumpParser", 1, "/data/no-dump");
+    ASSERT_FALSE(d.wait_for_log("vorn_node_enable: enable DumpParser", 5000, mark).empty());
+    usleep(200000);
+    xml = d.working_xml();
+    EXPECT_EQ(xml_attr(xml, "DumpParser", "enable"), "1");
+    EXPECT_EQ(xml_attr(xml, "DumpParser", "mask"), "dp");
+
+    // A mask of raw bytes XML cannot hold still leaves a readable file.
+    mark = d.log_mark();
+    send("Beta", 0, "\x01\xff<&\"ok");
+    ASSERT_FALSE(d.wait_for_log("vorn_node_disable: disable Beta", 5000, mark).empty());
+    usleep(200000);
+    EXPECT_EQ(xml_attr(d.working_xml(), "Beta", "mask"),
+              "?"
+              "?<&\"ok");
+
+    // A changed log path is written and reported.
+    vorn_ctrl_msg path = ctrl_msg(VORN_MSG_SET_LOG_PATH);
+    vorn_msg_put_text(reinterpret_cast<char *>(&path) + VORN_MSG_GBL_LOG_PATH_OFF,
+                      VORN_MSG_GBL_LOG_PATH_LEN, "/sdcard/other/");
+    EXPECT_EQ(d.exchange(path).reply, "");
+    EXPECT_FALSE(d.wait_for_log("GLOBAL logpath change to /sdcard/other/").empty());
+    EXPECT_EQ(xml_attr(d.working_xml(), "global", "log_path"), "/sdcard/other/");
+    q = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
+    ASSERT_EQ(q.reply.size(), 256u);
+    EXPECT_STREQ(q.reply.c_str() + VORN_MSG_GBL_LOG_PATH_OFF, "/sdcard/other/");
+
+    // The working file is the state a restart comes back to.
+    EXPECT_TRUE(d.alive());
+    d.stop();
+    mark = d.log_mark();
+    ASSERT_TRUE(d.start()) << d.log(mark);
+    EXPECT_FALSE(d.wait_for_log("logid 1, enable 1 ,", 2000, mark).empty());
+    EXPECT_FALSE(d.wait_for_log("logname Alpha ,mask first", 2000, mark).empty());
+    EXPECT_FALSE(d.wait_for_log("logname Beta ,mask ?"
+                                "?<&\"ok",
+                                2000, mark)
+                     .empty());
+    q = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
+    EXPECT_STREQ(q.reply.c_str() + VORN_MSG_GBL_LOG_PATH_OFF, "/sdcard/other/");
+}
+
+}  // namespace
