@@ -113,7 +113,7 @@ TEST_F(VornctlTest, AgentSummaryFromTheLog) {
         d.vornctl({"agent", "--follow-log", "--log", log, "--timeout", "3", "delay", "5"});
     EXPECT_EQ(r.exit_status, 0) << r.err;
     EXPECT_EQ(r.out, "Success to run command: delay->5;Resp: \n");
-    r = d.vornctl({"agent", "--follow-log", "--log", log, "--timeout", "3", "foo"});
+    r = d.vornctl({"agent", "--follow-log", "--log", log, "--timeout", "1", "foo"});
     EXPECT_EQ(r.exit_status, 1);  // an unknown word builds no summary line
 }
 
