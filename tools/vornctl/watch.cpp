@@ -56,14 +56,16 @@ std::string find_summary(const std::string &path, long long from) {
 }
 
 // The stamp the daemon gives the archive of dir: the text after
-// "description_" in the first such entry, else the local time.
-std::string predicted_stamp(const std::string &dir) {
+// "description_" in the first such entry (*exact set), else the local time.
+std::string predicted_stamp(const std::string &dir, bool *exact) {
+    *exact = false;
     if (DIR *d = opendir(dir.c_str())) {
         while (struct dirent *e = readdir(d)) {
             const char *p = e->d_name[0] == '.' ? nullptr : strstr(e->d_name, "description_");
             if (p != nullptr) {
                 std::string stamp = std::string(p + strlen("description_")).substr(0, 19);
                 closedir(d);
+                *exact = true;
                 return stamp;
             }
         }
@@ -160,7 +162,9 @@ int cmd_archive(const ctl_options &o) {
         return ctl_fail(rc, "%s", why.c_str());
     std::string name = logname.substr(0, kCtlNameMax);
     std::string upload = ctl_host_path(o, ctl_clean_path(g.log_path + "/upload/" + name));
-    std::string expected = upload + "/log_" + predicted_stamp(ctl_host_path(o, dir)) + ".zip";
+    bool exact;
+    std::string expected_name = "log_" + predicted_stamp(ctl_host_path(o, dir), &exact) + ".zip";
+    std::string expected = upload + "/" + expected_name;
     auto before = zip_files(upload);
 
     vorn_ctrl_msg m;
@@ -179,13 +183,14 @@ int cmd_archive(const ctl_options &o) {
     }
 
     // A new or rewritten archive counts once minizip has closed it: only then
-    // does it open with its central directory.
+    // does it open with its central directory. When its name is known, only
+    // that one counts: other archives may be finishing at the same time.
     int wait = o.timeout_sec > 0 ? o.timeout_sec : kArchiveWaitSec;
     long long deadline = now_ms() + wait * 1000LL;
     for (;;) {
         for (const auto &[file, stamp] : zip_files(upload)) {
             auto old = before.find(file);
-            if (old != before.end() && old->second == stamp)
+            if ((old != before.end() && old->second == stamp) || (exact && file != expected_name))
                 continue;
             std::string path = upload + "/" + file;
             long entries = zip_entries(path);
