@@ -1,0 +1,109 @@
+#include "capture/switches.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "core/config.h"
+#include "core/shell.h"
+#include "platform/log.h"
+#include "platform/root.h"
+
+namespace {
+
+constexpr const char *kDebugfs = "/sys/kernel/debug";
+constexpr const char *kBtConf = "/etc/bluetooth/bt_stack.conf";
+constexpr const char *kBtTemp = "/data/bt_temp.conf";
+constexpr const char *kBtKey = "BtSnoopLogOutput";
+
+}  // namespace
+
+int set_dynamic_debug_mask(char *path, int on) {
+    // The query file is not closed again; it never has been.
+    FILE *f = fopen(vorn_path(path).c_str(), "re");
+    if (f == nullptr) {
+        free(path);
+        return -1;
+    }
+    std::string debugfs = vorn_path(kDebugfs);
+    int result = 0;
+    char line[512];
+    while (fgets(line, sizeof line, f)) {
+        if (line[0] == '\n' || line[0] == '#')
+            continue;
+        line[strcspn(line, "\n")] = '\0';
+        char cmd[1024];
+        snprintf(cmd, sizeof cmd,
+                 on ? " echo -n '%s +p' > %s/dynamic_debug/control"
+                    : " echo -n '%s -p' > %s/dynamic_debug/control",
+                 line, debugfs.c_str());
+        VLOGD("%s: %s\n", "set_dynamic_debug_mask", cmd);
+        int ret = run_command(cmd);
+        if (ret != 0)
+            VLOGE("%s: Failed to run cmd %s\n", "set_dynamic_debug_mask", cmd);
+        result |= ret;
+    }
+    free(path);
+    return result;
+}
+
+int vorn_set_dynamic_debug(vorn_node *, const vorn_ctrl_msg *cmd) {
+    if (cmd == nullptr)
+        return -1;
+    char *path = strndup(cmd->mask, sizeof cmd->mask);
+    if (path == nullptr)
+        return -1;
+    return set_dynamic_debug_mask(path, cmd->enable != 0);
+}
+
+int update_bt_conf(int on) {
+    VLOGD("%s %s\n", "update_bt_conf", on ? "enable" : "disable");
+    std::string system = vorn_path("/system");
+    std::string cmd = "mount -o remount,rw " + system;
+    if (run_command(cmd.c_str()) != 0) {
+        VLOGE("Failed to remount system as RW\n");
+        return -1;
+    }
+    FILE *in = fopen(vorn_path(kBtConf).c_str(), "re");
+    FILE *out = in ? fopen(vorn_path(kBtTemp).c_str(), "we") : nullptr;
+    if (out == nullptr) {
+        VLOGE("Can't open bt conf file, err is %s!", strerror(errno));
+        if (in)
+            fclose(in);
+        return -1;
+    }
+    bool found = false;
+    char line[64];
+    while (fgets(line, sizeof line, in)) {
+        if (strncmp(line, kBtKey, strlen(kBtKey)) == 0) {
+            fputs(on ? "BtSnoopLogOutput=true\n" : "BtSnoopLogOutput=false\n", out);
+            found = true;
+        } else {
+            fputs(line, out);
+        }
+    }
+    fclose(in);
+    fclose(out);
+    if (!found) {
+        VLOGE("%s: Failed to find BtSnoopLogOutput\n", "update_bt_conf");
+        return -1;
+    }
+    if (copy_file(kBtConf, kBtTemp) != 0)
+        return -1;
+    cmd = "mount -o remount,ro " + system;
+    if (run_command(cmd.c_str()) != 0) {
+        VLOGE("Failed to remount system back to RO\n");
+        return -1;
+    }
+    return 0;
+}
+
+int vorn_set_bluetooth(vorn_node *, const vorn_ctrl_msg *cmd) {
+    if (cmd == nullptr) {
+        VLOGE("%s: invalid arguments\n", "vorn_set_bluetooth");
+        return -1;
+    }
+    return update_bt_conf(cmd->enable != 0);
+}

@@ -1,0 +1,95 @@
+#include "capture/worker_util.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "capture/capture_pipe.h"
+
+void install_selfsig_handler() {
+    struct sigaction sa {};
+    sa.sa_handler = selfsig_handle;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: the read must come back with EINTR
+    sigaction(SIGUSR1, &sa, nullptr);
+}
+
+void serve_new_file_request(vorn_node *node, vorn_log_file *file, char *path) {
+    {
+        vorn_node_guard g(node);
+        if (!node->new_file_request)
+            return;
+    }
+    if (file->fp == nullptr)
+        return;
+    close_log_file(file);
+    do {
+        sleep(VORN_POLL_SECONDS);
+    } while (open_log_file(node, file, path) != 0);
+    file->written = 0;
+    vorn_node_guard g(node);
+    node->new_file_request = 0;
+}
+
+int split_provider(const char *provider, bool whole_unless_semicolon,
+                   char (*names)[VORN_PROVIDER_NAME_LEN]) {
+    if (provider == nullptr)
+        return 0;
+    std::string_view p(provider);
+    if (whole_unless_semicolon && p.find(';') == std::string_view::npos) {
+        size_t n = std::min(p.size(), static_cast<size_t>(VORN_PROVIDER_NAME_LEN - 1));
+        memcpy(names[0], p.data(), n);
+        names[0][n] = '\0';
+        return 1;
+    }
+    int count = 0;
+    size_t pos = 0;
+    while (count < VORN_PROVIDER_NAMES && pos < p.size()) {
+        size_t end = p.find_first_of("; ", pos);
+        if (end == std::string_view::npos)
+            end = p.size();
+        size_t n = end - pos;
+        if (n >= VORN_PROVIDER_NAME_LEN)
+            break;  // an overlong name ends the list; the names before it stay
+        if (n > 0) {
+            memcpy(names[count], p.data() + pos, n);
+            names[count][n] = '\0';
+            count++;
+        }
+        pos = end + 1;
+    }
+    return count;
+}
+
+int prelog_alloc(prelog_buf *buf) {
+    buf->len = 0;
+    buf->data = static_cast<char *>(malloc(VORN_PRELOG_SIZE));
+    return buf->data ? 0 : -1;
+}
+
+void prelog_append(prelog_buf *buf, const char *data, size_t len) {
+    if (buf->data == nullptr)
+        return;
+    size_t room = VORN_PRELOG_SIZE - buf->len;
+    if (len > room)
+        len = room;
+    memcpy(buf->data + buf->len, data, len);
+    buf->len += len;
+}
+
+void prelog_free(prelog_buf *buf) {
+    free(buf->data);
+    buf->data = nullptr;
+    buf->len = 0;
+}
+
+void copy_log_root(char *out) {
+    pthread_mutex_lock(&gbl_config_mutex);
+    memcpy(out, gbl_config.log_path, VORN_LOG_PATH_LEN);
+    pthread_mutex_unlock(&gbl_config_mutex);
+    out[VORN_LOG_PATH_LEN - 1] = '\0';
+}
