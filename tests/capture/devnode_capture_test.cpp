@@ -1,0 +1,143 @@
+// The device-node readers on FIFOs standing in for device nodes: raw and
+// kernel-logger data, the pre-log buffer while the log root is unusable, and
+// the multi-device reader's slots.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "capture/logger_entry.h"
+#include "tests/capture/capture_env.h"
+#include "tests/capture/capture_workers.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+std::string klog_entry(char prio, const std::string &tag, const std::string &msg) {
+    std::string payload = std::string(1, prio) + tag + std::string(1, '\0') + msg;
+    payload.push_back('\0');
+    vorn_klog_entry h{};
+    h.len = static_cast<uint16_t>(payload.size());
+    h.pid = 77;
+    h.sec = 1700000000;
+    return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
+}
+
+// Writes bytes and waits until the reader has taken them: a FIFO keeps no
+// record boundaries, a logger device hands out one entry per read.
+void put(int fd, const std::string &bytes) {
+    ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    EXPECT_TRUE(wait_for(
+        [&] {
+            int pending = 0;
+            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
+        },
+        6000));
+}
+
+// Waits until the node's directory holds exactly want (or times out).
+bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms = 6000) {
+    return wait_for([&] { return read_dir_files(dev_dir) == want; }, timeout_ms);
+}
+
+TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
+    LogCapture log;
+    std::string root = fresh_log_root("devnode", 0);
+    block_log_root(root);
+    int raw_fd = make_fifo("/dev/raw0");
+    int klog_fd = make_fifo("/dev/klog0");
+    vorn_node *raw = make_node("RPM", 0x00, "/dev/raw0", "Raw/raw", 0);
+    vorn_node *klog = make_node("AdbMain", 0x02, "/dev/klog0", "Klog/main", 0);
+    disable_at_end raw_guard{raw}, klog_guard{klog};
+    set_enable(raw, true);
+    set_enable(klog, true);
+    start_variant<capture_devnode>(raw);
+    start_variant<capture_devnode>(klog);
+    ASSERT_TRUE(wait_for([&] { return log.count("Malloc pre log buf: /dev/raw0.\n") == 1; }, 6000))
+        << log.dump();
+    ASSERT_TRUE(
+        wait_for([&] { return log.count("Malloc pre log buf: /dev/klog0.\n") == 1; }, 6000));
+
+    // Raw bytes, zero bytes included, go through unchanged.
+    const std::string early("early\0\xff raw\n", 12);
+    put(raw_fd, early);
+    put(klog_fd, klog_entry(4, "boot", "first\nsecond"));
+    put(klog_fd, klog_entry(6, "boot", "third"));
+    usleep(300 * 1000);
+    EXPECT_TRUE(read_dir_files(root + "Raw").empty());
+
+    unblock_log_root(root);
+    put(raw_fd, "late\n");
+    put(klog_fd, klog_entry(5, "late", "fourth"));
+    const std::string stamp = "11-14 22:13:20.000: ";
+    const std::string klog_lines =
+        stamp + "I/boot    (   77): first\n" + stamp + "I/boot    (   77): second\n" + stamp +
+        "E/boot    (   77): third\n" + stamp + "W/late    (   77): fourth\n";
+    EXPECT_TRUE(dir_becomes(root + "Raw", early + "late\n")) << read_dir_files(root + "Raw");
+    EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines)) << read_dir_files(root + "Klog");
+    EXPECT_EQ(log.count("Free pre log buf: /dev/raw0\n"), 1u);
+    EXPECT_EQ(log.count("Free pre log buf: /dev/klog0\n"), 1u);
+
+    // A wrong-length entry is dropped and the reader goes on.
+    std::string bad = klog_entry(4, "bad", "dropped");
+    bad[0] = 3;
+    put(klog_fd, bad);
+    put(klog_fd, klog_entry(4, "ok", "after"));
+    EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines + stamp + "I/ok      (   77): after\n"));
+    EXPECT_TRUE(log.has("WARNING: read expected: 3,  read actually: 13\n")) << log.dump();
+
+    // Disabled: the next delivery is written, then device and file close.
+    usleep(100 * 1000);  // the reader has looked at its node after the last delivery
+    set_enable(raw, false);
+    put(raw_fd, "last\n");
+    EXPECT_TRUE(dir_becomes(root + "Raw", early + "late\nlast\n"));
+    ASSERT_EQ(write(raw_fd, "unread\n", 7), 7);
+    usleep(300 * 1000);
+    EXPECT_EQ(read_dir_files(root + "Raw"), early + "late\nlast\n");
+    set_enable(klog, false);
+    put(klog_fd, klog_entry(4, "ok", "bye"));
+    close(raw_fd);
+    close(klog_fd);
+}
+
+TEST(DevnodeCaptureTest, MultiDeviceReaderUsesFourSlotsAndSkipsTheOneThatWillNotOpen) {
+    LogCapture log;
+    std::string root = fresh_log_root("multi", 0);
+    int a = make_fifo("/dev/ma");
+    int b = make_fifo("/dev/mb");
+    int c = make_fifo("/dev/mc");
+    vorn_node *node = make_node("QXDM", 0xC0, "/dev/ma;/dev/missing /dev/mb;/dev/mc;/dev/fifth",
+                                "Multi/multi", 0);
+    disable_at_end guard{node};
+    set_enable(node, true);
+    start_variant<capture_multi_devnode>(node);
+    ASSERT_TRUE(
+        wait_for([&] { return log.has("Failed to open the device node: /dev/missing\n"); }, 6000));
+
+    std::string want;
+    for (auto [fd, text] :
+         {std::pair{a, "from a\n"}, {b, "from b\n"}, {c, "from c\n"}, {a, "a again\n"}}) {
+        put(fd, text);
+        want += text;
+        ASSERT_TRUE(dir_becomes(root + "Multi", want)) << read_dir_files(root + "Multi");
+    }
+    EXPECT_EQ(log.count("Failed to open the device node: /dev/missing\n"), 1u) << log.dump();
+    EXPECT_FALSE(log.has_containing("/dev/fifth"));
+    EXPECT_EQ(list_dir(capture_root().at(root + "Multi")).size(), 1u);
+
+    // A change is seen with the next delivery; the slots and the file close.
+    usleep(100 * 1000);
+    set_enable(node, false);
+    put(b, "seen\n");
+    EXPECT_TRUE(dir_becomes(root + "Multi", want + "seen\n"));
+    ASSERT_EQ(write(c, "not seen\n", 9), 9);
+    usleep(300 * 1000);
+    EXPECT_EQ(read_dir_files(root + "Multi"), want + "seen\n");
+    close(a);
+    close(b);
+    close(c);
+}
+
+}  // namespace

@@ -1,0 +1,195 @@
+// The kernel-logger entry formatter: text and events entries, and entries
+// that lie about their size or end early.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "capture/logger_entry.h"
+#include "tests/capture/capture_env.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+constexpr int32_t kSec = 1700000000;  // 11-14 22:13:20 UTC
+constexpr int32_t kNsec = 123456789;
+const std::string kStamp = "11-14 22:13:20.123: ";
+
+// An entry as the driver hands it out: header, then payload. len_field is
+// the payload length the header claims.
+std::string entry(const std::string &payload, int len_field = -1) {
+    vorn_klog_entry h{};
+    h.len = static_cast<uint16_t>(len_field < 0 ? payload.size() : len_field);
+    h.pid = 1234;
+    h.tid = 1235;
+    h.sec = kSec;
+    h.nsec = kNsec;
+    return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
+}
+
+std::string text(char prio, const std::string &tag, const std::string &msg) {
+    return std::string(1, prio) + tag + std::string(1, '\0') + msg + std::string(1, '\0');
+}
+
+std::string le32(uint32_t v) {
+    return std::string(reinterpret_cast<const char *>(&v), 4);
+}
+
+class LoggerEntryTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        capture_root().write("/system/etc/event-log-tags", "42 answer (value|1)\n");
+        fresh_log_root("fmt", 0);
+    }
+
+    void SetUp() override { new_output(); }
+    void TearDown() override { close_log_file(&file_); }
+
+    // A fresh output file for the next case.
+    void new_output() {
+        close_log_file(&file_);
+        static int n = 0;
+        path_ = capture_root().at("/fmt-out/" + std::to_string(++n));
+        write_file(path_, "");
+        file_.fp = fopen(path_.c_str(), "w");
+        file_.written = 0;
+    }
+
+    // Formats bytes as read (their whole length unless read_len is given).
+    int format(vorn_node *node, std::string bytes, int read_len = -1) {
+        return format_logger_entry(&file_, bytes.data(),
+                                   read_len < 0 ? static_cast<int>(bytes.size()) : read_len, cur_,
+                                   node);
+    }
+    std::string output() {
+        fflush(file_.fp);
+        return read_file(path_);
+    }
+
+    vorn_node *text_node_ = make_node("AdbMain", 0x02, "/dev/log/main", "Main/main", 0);
+    vorn_node *event_node_ = make_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev", 0);
+    vorn_log_file file_{};
+    char cur_[VORN_PATH_MAX] = "";
+    std::string path_;
+    LogCapture log_;
+};
+
+struct TextCase {
+    const char *name;
+    std::string payload;
+    std::string want;  // file content after the stamp-less headers are added
+};
+
+std::string line(char letter, const std::string &tag, const std::string &msg) {
+    char hdr[128];
+    snprintf(hdr, sizeof hdr, "%c/%-8s(%5d): ", letter, tag.c_str(), 1234);
+    return kStamp + hdr + msg + "\n";
+}
+
+TEST_F(LoggerEntryTest, TextEntriesBecomeOneHeaderedLinePerMessageLine) {
+    const std::string big(4000 - 6, 'x');  // prio + "tag\0" + message + "\0" = 4000
+    const std::string huge(65535 - 7, 'y');
+    const TextCase cases[] = {
+        {"three lines", text(4, "tag", "one\ntwo\nthree"),
+         line('I', "tag", "one") + line('I', "tag", "two") + line('I', "tag", "three")},
+        {"final newline adds no empty line", text(6, "t", "done\n"), line('E', "t", "done")},
+        {"empty inner line kept", text(3, "t", "a\n\nb"),
+         line('D', "t", "a") + line('D', "t", "") + line('D', "t", "b")},
+        {"long tag not padded", text(2, "a_rather_long_tag", "m"),
+         line('V', "a_rather_long_tag", "m")},
+        {"priority 8", text(8, "t", "m"), line('S', "t", "m")},
+        {"priority 1", text(1, "t", "m"), line('?', "t", "m")},
+        {"priority 9", text(9, "t", "m"), line('?', "t", "m")},
+        {"priority 0 has no tag", std::string("\0abc\0", 5), line('?', "", "abc")},
+        {"message without its zero loses its last byte",
+         std::string(1, 4) + "tag" + std::string(1, '\0') + "hello", line('I', "tag", "hell")},
+        {"payload of 4000 bytes", text(4, "tag", big), line('I', "tag", big)},
+        {"payload of 65535 bytes", text(4, "big", huge), line('I', "big", huge)},
+        {"empty payload", "", ""},
+        {"priority byte only", std::string(1, 4), ""},
+        {"tag without its zero", std::string(1, 4) + "tagtagtag", ""},
+        {"tag and no message", std::string(1, 4) + "tag" + std::string(1, '\0'), ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        new_output();
+        EXPECT_EQ(format(text_node_, entry(c.payload)), 0);
+        EXPECT_EQ(output(), c.want);
+        EXPECT_EQ(file_.written, c.want.size());
+    }
+    EXPECT_EQ(log_.count_containing("WARNING"), 0u) << log_.dump();
+}
+
+TEST_F(LoggerEntryTest, EntriesWhoseLengthLiesAreDroppedWithTheWarning) {
+    struct {
+        const char *name;
+        std::string bytes;
+        int read_len;
+        const char *warning;
+    } cases[] = {
+        {"header claims more", entry(text(4, "t", "abc"), 12), -1,
+         "WARNING: read expected: 12,  read actually: 7\n"},
+        {"header claims less", entry(text(4, "t", "abc"), 2), -1,
+         "WARNING: read expected: 2,  read actually: 7\n"},
+        {"65535 claimed, 4096 read", entry(text(4, "t", std::string(5000, 'z')), 65535), 4096,
+         "WARNING: read expected: 65535,  read actually: 4076\n"},
+        {"read shorter than a header", entry(text(4, "t", "abc")), 5,
+         "WARNING: read expected: 7,  read actually: -15\n"},
+        {"nothing read", entry(text(4, "t", "abc")), 0,
+         "WARNING: read expected: 0,  read actually: -20\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        log_.clear();
+        EXPECT_EQ(format(text_node_, c.bytes, c.read_len), 0);
+        EXPECT_TRUE(log_.has(c.warning)) << log_.dump();
+    }
+    EXPECT_EQ(output(), "");
+}
+
+TEST_F(LoggerEntryTest, EventsAreRenderedByTheBinaryEventPrinter) {
+    const std::string int7 = std::string(1, '\0') + le32(7);
+    const std::string list = std::string("\x03\x03", 2) + int7 + std::string(1, '\0') + le32(8) +
+                             std::string(1, '\0') + le32(9);
+    const std::string long_string = std::string(1, 2) + le32(2000) + std::string(2000, 's');
+    struct {
+        const char *name;
+        std::string payload;
+        std::string want;
+        bool incomplete;
+    } cases[] = {
+        {"named tag", le32(42) + int7, kStamp + "answer( 1234): 7\n", false},
+        {"unknown tag by number", le32(43) + int7, kStamp + "[43]( 1234): 7\n", false},
+        {"list", le32(42) + list, kStamp + "answer( 1234): [7,8,9]\n", false},
+        {"tag number only", le32(42), kStamp + "answer( 1234): \n", false},
+        {"shorter than a tag number", std::string("\x2a\0", 2), "", false},
+        {"empty", "", "", false},
+        {"truncated int", le32(42) + std::string(1, '\0') + "\x07\x00", "", true},
+        {"unknown type", le32(42) + std::string(1, 9) + le32(7), "", true},
+        {"string longer than its payload", le32(42) + std::string(1, 2) + le32(60000) + "abc", "",
+         true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        new_output();
+        log_.clear();
+        EXPECT_EQ(format(event_node_, entry(c.payload)), 0);
+        EXPECT_EQ(output(), c.want);
+        EXPECT_EQ(log_.has("Not a complete event log\n"), c.incomplete) << log_.dump();
+    }
+
+    // Rendered text is cut to what the printer's 1024-byte buffer holds.
+    new_output();
+    EXPECT_EQ(format(event_node_, entry(le32(42) + long_string)), 0);
+    std::string out = output();
+    std::string head = kStamp + "answer( 1234): ";
+    ASSERT_EQ(out.rfind(head, 0), 0u) << out.substr(0, 80);
+    EXPECT_LE(out.size() - head.size(), 1024u);
+    EXPECT_GT(out.size() - head.size(), 1000u);
+    EXPECT_EQ(out.back(), '\n');
+}
+
+}  // namespace
