@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "platform/log.h"
@@ -21,13 +20,10 @@ constexpr int kHdr = sizeof(vorn_klog_entry);
 constexpr size_t kLineHeaderMax = 100;  // 99 characters and the terminator
 constexpr int kEventTextMax = 1024;     // rendered event text: 1023 characters
 
-// The event tag map, opened once for the process and kept.
+// The event tag map, opened once for the process and kept (without one,
+// tags print as numbers).
 EventTagMap *event_tag_map() {
-    static std::mutex mutex;
-    static EventTagMap *map = nullptr;
-    std::lock_guard<std::mutex> g(mutex);
-    if (map == nullptr)
-        map = android_openEventTagMap(vorn_path(EVENT_TAG_MAP_FILE).c_str());
+    static EventTagMap *map = android_openEventTagMap(vorn_path(EVENT_TAG_MAP_FILE).c_str());
     return map;
 }
 

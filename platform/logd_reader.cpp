@@ -91,6 +91,10 @@ struct vorn_logger {
     log_id_t id;
 };
 
+// Records are taken from the socket up to this many at a time (one record
+// per packet still); reads hand them out one by one.
+constexpr int kBatch = 32;
+
 struct vorn_logger_list {
     int mode;
     unsigned int tail;
@@ -99,7 +103,11 @@ struct vorn_logger_list {
     vorn_logger loggers[LOG_ID_MAX];
     int fd;
     bool lost;  // the server hung up; a new list reconnects
-    unsigned char rec[LOGGER_ENTRY_MAX_LEN + 1];
+    int count;  // records in rec
+    int next;   // the next one to hand out
+    mmsghdr hdrs[kBatch];
+    iovec iov[kBatch];
+    unsigned char rec[kBatch][LOGGER_ENTRY_MAX_LEN + 1];
 };
 
 vorn_logger_list *vorn_logger_list_alloc(int mode, unsigned int tail, pid_t pid) {
@@ -112,6 +120,13 @@ vorn_logger_list *vorn_logger_list_alloc(int mode, unsigned int tail, pid_t pid)
     list->lids = 0;
     list->fd = -1;
     list->lost = false;
+    list->count = list->next = 0;
+    for (int i = 0; i < kBatch; i++) {
+        list->iov[i] = {list->rec[i], sizeof list->rec[i]};
+        list->hdrs[i] = {};
+        list->hdrs[i].msg_hdr.msg_iov = &list->iov[i];
+        list->hdrs[i].msg_hdr.msg_iovlen = 1;
+    }
     return list;
 }
 
@@ -184,22 +199,30 @@ int vorn_logger_list_read(vorn_logger_list *list, log_msg *msg) {
             return ret;
     }
     for (;;) {
-        ssize_t n = recv(list->fd, list->rec, sizeof list->rec, MSG_TRUNC);
-        if (n < 0)
-            return -errno;
-        if (n == 0) {
+        if (list->next >= list->count) {
+            // Blocks for the first record only, then takes what is there.
+            int got = recvmmsg(list->fd, list->hdrs, kBatch, MSG_WAITFORONE, nullptr);
+            if (got < 0)
+                return -errno;
+            list->count = got;
+            list->next = 0;
+        }
+        const mmsghdr &h = list->hdrs[list->next];
+        const unsigned char *rec = list->rec[list->next];
+        list->next++;
+        size_t n = h.msg_len;
+        if (list->count == 0 || n == 0) {
             close(list->fd);
             list->fd = -1;
             list->lost = true;
+            list->count = list->next = 0;
             errno = ECONNRESET;
             return 0;
         }
         // A record larger than any entry came in cut; its header cannot be trusted.
-        int ret = static_cast<size_t>(n) <= sizeof list->rec
-                      ? vorn_logdr_decode(list->rec, static_cast<size_t>(n), msg)
-                      : -1;
+        int ret = (h.msg_hdr.msg_flags & MSG_TRUNC) ? -1 : vorn_logdr_decode(rec, n, msg);
         if (ret < 0) {
-            VLOGD("logdr: dropped a malformed record of %zd bytes", n);
+            VLOGD("logdr: dropped a malformed record of %zu bytes", n);
             continue;
         }
         if (msg->entry.lid >= LOG_ID_MAX || !(list->lids & (1u << msg->entry.lid)))

@@ -46,11 +46,8 @@ TEST_F(SwitchesTest, DynamicDebugRunsEveryQueryLineAndSkipsCommentsAndBlanks) {
     const std::string ctl = root_->at("/sys/kernel/debug") + "/dynamic_debug/control";
     EXPECT_TRUE(log_.has("set_dynamic_debug_mask:  echo -n 'file net/core.c +p' > " + ctl + "\n"))
         << log_.dump();
-    EXPECT_TRUE(log_.has("set_dynamic_debug_mask:  echo -n 'module usbcore +p' > " + ctl + "\n"));
     EXPECT_EQ(log_.count_containing("echo -n"), 2u);
     EXPECT_EQ(control(), "module usbcore +p");
-
-    log_.clear();
     vorn_ctrl_msg off = msg(0, "/data/dd.txt");
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &off), 0);
     EXPECT_EQ(control(), "module usbcore -p");
@@ -62,21 +59,16 @@ TEST_F(SwitchesTest, DynamicDebugRunsEveryQueryLineAndSkipsCommentsAndBlanks) {
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &none), 0);
     EXPECT_EQ(log_.count_containing("echo -n"), 0u);
 
+    // Without the control file's directory every query still runs, and fails.
+    std::string dir = root_->at("/sys/kernel/debug/dynamic_debug");
+    rename(dir.c_str(), (dir + ".away").c_str());
+    EXPECT_NE(set_dynamic_debug_mask(strdup("/data/dd.txt"), 1), 0);
+    rename((dir + ".away").c_str(), dir.c_str());
+    EXPECT_EQ(log_.count_containing("set_dynamic_debug_mask: Failed to run cmd  echo -n '"), 2u);
+
     vorn_ctrl_msg missing = msg(1, "/data/missing.txt");
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &missing), -1);
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, nullptr), -1);
-}
-
-TEST_F(SwitchesTest, DynamicDebugTriesEveryQueryAndOrsTheFailures) {
-    // A query the shell cannot redirect for: the control file's directory is gone.
-    root_->write("/data/dd2.txt", "file a.c\nfile b.c\n");
-    std::string dir = root_->at("/sys/kernel/debug/dynamic_debug");
-    rename(dir.c_str(), (dir + ".away").c_str());
-    EXPECT_NE(set_dynamic_debug_mask(strdup("/data/dd2.txt"), 1), 0);
-    rename((dir + ".away").c_str(), dir.c_str());
-    EXPECT_EQ(log_.count_containing("set_dynamic_debug_mask: Failed to run cmd  echo -n 'file "),
-              2u)
-        << log_.dump();
 }
 
 TEST_F(SwitchesTest, BluetoothRewritesEveryKeyLineBetweenTwoRemounts) {
@@ -117,20 +109,14 @@ TEST_F(SwitchesTest, BluetoothRewritesEveryKeyLineBetweenTwoRemounts) {
     }
 }
 
-TEST_F(SwitchesTest, BluetoothFailuresSayWhereTheyStopped) {
-    EXPECT_EQ(vorn_set_bluetooth(nullptr, nullptr), -1);
-    EXPECT_TRUE(log_.has("vorn_set_bluetooth: invalid arguments\n"));
-
+TEST_F(SwitchesTest, BluetoothStopsAtAFailedRemount) {
+    root_->write("/etc/bluetooth/bt_stack.conf", "BtSnoopLogOutput=false\n");
     root_->write("/mount.fail", "");
     vorn_ctrl_msg on = msg(1);
     EXPECT_EQ(vorn_set_bluetooth(nullptr, &on), -1);
     EXPECT_TRUE(log_.has("Failed to remount system as RW\n"));
+    EXPECT_EQ(root_->read("/etc/bluetooth/bt_stack.conf"), "BtSnoopLogOutput=false\n");
     unlink(root_->at("/mount.fail").c_str());
-
-    unlink(root_->at("/etc/bluetooth/bt_stack.conf").c_str());
-    EXPECT_EQ(vorn_set_bluetooth(nullptr, &on), -1);
-    EXPECT_TRUE(log_.has("Can't open bt conf file, err is No such file or directory!"))
-        << log_.dump();
 }
 
 }  // namespace

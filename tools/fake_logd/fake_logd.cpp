@@ -101,6 +101,14 @@ void FakeLogd::send(std::string rec) {
     (void)!write(wake_[1], "s", 1);
 }
 
+void FakeLogd::send_all(const std::vector<std::string> &records) {
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        queue_.insert(queue_.end(), records.begin(), records.end());
+    }
+    (void)!write(wake_[1], "s", 1);
+}
+
 void FakeLogd::go_away() {
     std::unique_lock<std::mutex> g(mutex_);
     request_ = Request::go_away;
@@ -122,7 +130,7 @@ std::vector<std::string> FakeLogd::commands() const {
 
 size_t FakeLogd::queued() const {
     std::lock_guard<std::mutex> g(mutex_);
-    return queue_.size();
+    return queue_.size() + in_flight_;
 }
 
 bool FakeLogd::drained() const {
@@ -130,7 +138,7 @@ bool FakeLogd::drained() const {
     int unread = 0;
     if (reader_fd_ >= 0 && ioctl(reader_fd_, SIOCOUTQ, &unread) != 0)
         unread = 0;
-    return queue_.empty() && unread == 0;
+    return queue_.empty() && in_flight_ == 0 && unread == 0;
 }
 
 int FakeLogd::readers() const {
@@ -138,13 +146,12 @@ int FakeLogd::readers() const {
     return readers_;
 }
 
-// Called with mutex_ held.
-bool FakeLogd::wanted(const std::string &rec) const {
+bool FakeLogd::wanted(const std::string &rec, unsigned lids) {
     if (rec.size() < sizeof(logger_entry))
         return true;  // not an entry: let the reader judge it
     uint32_t lid;
     memcpy(&lid, rec.data() + offsetof(logger_entry, lid), sizeof lid);
-    return lid < 32 && (lids_ & (1u << lid));
+    return lid < 32 && (lids & (1u << lid));
 }
 
 void FakeLogd::serve() {
@@ -170,7 +177,7 @@ void FakeLogd::serve() {
         bool have_data;
         {
             std::lock_guard<std::mutex> g(mutex_);
-            have_data = !queue_.empty();
+            have_data = !queue_.empty() || !sending_.empty();
         }
         pollfd fds[3];
         nfds_t n = 0;
@@ -227,23 +234,51 @@ void FakeLogd::serve() {
                 continue;
             }
         }
-        // Send what fits now; the rest when the reader has read.
-        for (;;) {
-            std::unique_lock<std::mutex> g(mutex_);
-            if (queue_.empty() || request_ != Request::none)
-                break;
-            std::string &rec = queue_.front();
-            if (!wanted(rec)) {
-                queue_.pop_front();
+        // Send what fits now, outside the lock; the rest when the reader has read.
+        unsigned lids;
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            if (request_ != Request::none)
                 continue;
+            if (sending_.empty())
+                sending_.swap(queue_);
+            in_flight_ = sending_.size();
+            lids = lids_;
+        }
+        // Still one record per packet, but up to 64 packets per call.
+        int fd = reader_fd_;
+        bool failed = false;
+        while (!sending_.empty()) {
+            constexpr size_t kBatch = 64;
+            mmsghdr hdrs[kBatch];
+            iovec iov[kBatch];
+            size_t n = 0;
+            while (!sending_.empty() && !wanted(sending_.front(), lids))
+                sending_.pop_front();
+            for (size_t i = 0; i < sending_.size() && n < kBatch; i++) {
+                std::string &rec = sending_[i];
+                if (!wanted(rec, lids))
+                    break;  // dropped at the head of the next batch
+                iov[n] = {rec.data(), rec.size()};
+                hdrs[n] = {};
+                hdrs[n].msg_hdr.msg_iov = &iov[n];
+                hdrs[n].msg_hdr.msg_iovlen = 1;
+                n++;
             }
-            ssize_t sent = ::send(reader_fd_, rec.data(), rec.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n == 0)
+                break;
+            int sent = sendmmsg(fd, hdrs, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_NOSIGNAL);
             if (sent < 0) {
-                if (errno != EAGAIN && errno != EWOULDBLOCK)
-                    drop_reader();
+                failed = errno != EAGAIN && errno != EWOULDBLOCK;
                 break;
             }
-            queue_.pop_front();
+            sending_.erase(sending_.begin(), sending_.begin() + sent);
+            if (static_cast<size_t>(sent) < n)
+                break;  // the reader's queue is full
         }
+        std::lock_guard<std::mutex> g(mutex_);
+        in_flight_ = sending_.size();
+        if (failed)
+            drop_reader();
     }
 }

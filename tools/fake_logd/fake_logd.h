@@ -34,6 +34,7 @@ class FakeLogd {
     // Queues a record (any bytes) for the reader; records of buffers the
     // reader did not ask for are dropped when their turn comes.
     void send(std::string record);
+    void send_all(const std::vector<std::string> &records);
     // Hangs up on the reader, stops listening and removes the socket.
     void go_away();
     // Listens again.
@@ -48,7 +49,7 @@ class FakeLogd {
     void serve();
     bool listen_now();
     void drop_reader();
-    bool wanted(const std::string &record) const;
+    static bool wanted(const std::string &record, unsigned lids);
 
     std::string path_;
     mutable std::mutex mutex_;
@@ -57,6 +58,8 @@ class FakeLogd {
     std::vector<std::string> commands_;
     unsigned lids_ = 0;
     int readers_ = 0;
+    std::deque<std::string> sending_;  // taken from the queue by the server thread
+    size_t in_flight_ = 0;             // its size, for queued() and drained()
     int listen_fd_ = -1;
     int reader_fd_ = -1;
     int wake_[2] = {-1, -1};
