@@ -16,11 +16,22 @@ namespace {
 [[maybe_unused]] const bool g_utc = (setenv("TZ", "UTC", 1), tzset(), true);
 }  // namespace
 
-void set_enable(vorn_node *node, bool on, const char *mask) {
+vorn_node *make_capture_node(const char *name, uint8_t logtype, const char *provider,
+                             const char *filepath) {
+    vorn_node *node = make_node(provider, filepath, 0);
+    snprintf(node->logname, sizeof node->logname, "%s", name);
+    node->logtype = logtype;
+    return node;
+}
+
+std::string device_log_root(const std::string &tag) {
+    return fresh_log_root(tag, "").substr(capture_root().path().size());
+}
+
+void set_enable_mask(vorn_node *node, bool on, const char *mask) {
     vorn_node_guard g(node);
     node->enable = on ? 1 : 0;
-    if (mask)
-        snprintf(node->mask, sizeof node->mask, "%s", mask);
+    snprintf(node->mask, sizeof node->mask, "%s", mask);
     node->pending_change = 1;
 }
 

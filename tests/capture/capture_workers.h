@@ -2,10 +2,12 @@
 // of a device root that the workers need on a host.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "capture/capture_variants.h"
 #include "core/node_ops.h"
+#include "tests/capture/capture_env.h"
 
 template <void (*Variant)(vorn_node *)>
 void *run_variant(void *node) {
@@ -19,8 +21,16 @@ void start_variant(vorn_node *node) {
     start_detached_thread(run_variant<Variant>, node, "vornd_test");
 }
 
-// Enables or disables a running worker's node the way the dispatcher does.
-void set_enable(vorn_node *node, bool on, const char *mask = nullptr);
+// A node named name with the given logtype, kept for the process lifetime.
+vorn_node *make_capture_node(const char *name, uint8_t logtype, const char *provider,
+                             const char *filepath);
+
+// A log root of the test's own in gbl_config (no global size); returns its
+// device path ("/<tag>-<n>/logs/").
+std::string device_log_root(const std::string &tag);
+
+// Sets enable and the mask, and the pending-change flag, as the dispatcher does.
+void set_enable_mask(vorn_node *node, bool on, const char *mask);
 
 // Disables the node when the test ends, passed or not, so that its worker
 // leaves the next test alone.

@@ -44,12 +44,12 @@ bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeou
 
 TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     LogCapture log;
-    std::string root = fresh_log_root("devnode", 0);
+    std::string root = device_log_root("devnode");
     block_log_root(root);
     int raw_fd = make_fifo("/dev/raw0");
     int klog_fd = make_fifo("/dev/klog0");
-    vorn_node *raw = make_node("RPM", 0x00, "/dev/raw0", "Raw/raw", 0);
-    vorn_node *klog = make_node("AdbMain", 0x02, "/dev/klog0", "Klog/main", 0);
+    vorn_node *raw = make_capture_node("RPM", 0x00, "/dev/raw0", "Raw/raw");
+    vorn_node *klog = make_capture_node("AdbMain", 0x02, "/dev/klog0", "Klog/main");
     disable_at_end raw_guard{raw}, klog_guard{klog};
     set_enable(raw, true);
     set_enable(klog, true);
@@ -104,12 +104,12 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
 
 TEST(DevnodeCaptureTest, MultiDeviceReaderUsesFourSlotsAndSkipsTheOneThatWillNotOpen) {
     LogCapture log;
-    std::string root = fresh_log_root("multi", 0);
+    std::string root = device_log_root("multi");
     int a = make_fifo("/dev/ma");
     int b = make_fifo("/dev/mb");
     int c = make_fifo("/dev/mc");
-    vorn_node *node = make_node("QXDM", 0xC0, "/dev/ma;/dev/missing /dev/mb;/dev/mc;/dev/fifth",
-                                "Multi/multi", 0);
+    vorn_node *node = make_capture_node(
+        "QXDM", 0xC0, "/dev/ma;/dev/missing /dev/mb;/dev/mc;/dev/fifth", "Multi/multi");
     disable_at_end guard{node};
     set_enable(node, true);
     start_variant<capture_multi_devnode>(node);

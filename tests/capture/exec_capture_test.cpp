@@ -150,12 +150,12 @@ TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChan
         }
     } reaper{out};
 
-    std::string log_root = fresh_log_root("exec", 0);
-    vorn_node *node =
-        make_node("QXDM", 0x40, "vorn_exec_probe #path #mask #mask_link & vorn_exec_probe 2 & wait",
-                  "Diag/diag", 0);
+    std::string log_root = device_log_root("exec");
+    vorn_node *node = make_capture_node(
+        "QXDM", 0x40, "vorn_exec_probe #path #mask #mask_link & vorn_exec_probe 2 & wait",
+        "Diag/diag");
     node->mask_link = strdup("/sdcard/link.cfg");
-    set_enable(node, true, "/sdcard/mask.cfg");
+    set_enable_mask(node, true, "/sdcard/mask.cfg");
     start_detached_thread(
         [](void *n) -> void * {
             capture_exec(static_cast<vorn_node *>(n));
@@ -187,11 +187,11 @@ TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChan
     EXPECT_EQ(log.count("disable " + std::to_string(first[1].pid)), 1u);
 
     // Enabled with a new mask, then changed while running: a restart.
-    set_enable(node, true, "0x3");
+    set_enable_mask(node, true, "0x3");
     ASSERT_TRUE(wait_for([&] { return probes(out).size() == 4; }, 5000));
     EXPECT_EQ(args_from(2)[0], path + "0x3" + link);
     auto second = probes(out);
-    set_enable(node, true, "0x4");
+    set_enable_mask(node, true, "0x4");
     ASSERT_TRUE(wait_for([&] { return probes(out).size() == 6; }, 5000));
     EXPECT_TRUE(wait_for([&] { return gone(second[2].pid) && gone(second[3].pid); }, 2000));
     EXPECT_EQ(args_from(4)[0], path + "0x4" + link);

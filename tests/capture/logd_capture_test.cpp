@@ -96,8 +96,8 @@ class LogdCaptureTest : public testing::Test {
 TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnects) {
     LogCapture log;
     FakeLogd logd(capture_root().at(VORN_LOGDR_SOCKET));
-    std::string root = fresh_log_root("logd", 0);
-    vorn_node *node = make_node("AdbMain", 0x02, "main;system", "Adb/main", 0);
+    std::string root = device_log_root("logd");
+    vorn_node *node = make_capture_node("AdbMain", 0x02, "main;system", "Adb/main");
     disable_at_end guard{node};
     start_variant<capture_adb_socket>(node);
     // Past its start-up wait for the log root, the worker is enabled while
@@ -164,9 +164,9 @@ TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnect
 TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConverted) {
     LogCapture log;
     FakeLogd logd(capture_root().at(VORN_LOGDR_SOCKET));
-    std::string root = fresh_log_root("logdev", 0);
+    std::string root = device_log_root("logdev");
     vorn_node *node =
-        make_node("AdbEvents", 0x02, "main;/dev/log/radio;events system;crash", "Ev/ev", 0);
+        make_capture_node("AdbEvents", 0x02, "main;/dev/log/radio;events system;crash", "Ev/ev");
     disable_at_end guard{node};
     set_enable(node, true);
     start_variant<capture_adb_socket>(node);

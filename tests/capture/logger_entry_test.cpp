@@ -10,6 +10,7 @@
 
 #include "capture/logger_entry.h"
 #include "tests/capture/capture_env.h"
+#include "tests/capture/capture_workers.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -42,7 +43,7 @@ class LoggerEntryTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
         capture_root().write("/system/etc/event-log-tags", "42 answer (value|1)\n");
-        fresh_log_root("fmt", 0);
+        device_log_root("fmt");
     }
 
     void SetUp() override { new_output(); }
@@ -68,8 +69,8 @@ class LoggerEntryTest : public testing::Test {
         return read_file(path_);
     }
 
-    vorn_node *text_node_ = make_node("AdbMain", 0x02, "/dev/log/main", "Main/main", 0);
-    vorn_node *event_node_ = make_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev", 0);
+    vorn_node *text_node_ = make_capture_node("AdbMain", 0x02, "/dev/log/main", "Main/main");
+    vorn_node *event_node_ = make_capture_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev");
     vorn_log_file file_{};
     char cur_[VORN_PATH_MAX] = "";
     std::string path_;

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "capture/switches.h"
-#include "tests/support/log_capture.h"
 #include "tests/capture/capture_env.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
