@@ -11,6 +11,7 @@
 
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
+#include "core/shell.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -218,7 +219,8 @@ int __dagt_cti_do_mapunmap(dagt_result *result, const char *name, uint32_t direc
     char file[DAGT_CMD_LEN];
     char line[DAGT_CMD_LEN];
     dagt_sys_path(path, file, sizeof file);
-    if (dagt_build_cmd(result, line, sizeof line, "echo %d  %d > %s", trigger, channel, file) != 0)
+    if (dagt_build_cmd(result, line, sizeof line, "echo %d  %d > %s", trigger, channel,
+                       shell_word(file).c_str()) != 0)
         return -1;
     VLOGD("%s: cmd = %s\n", "__dagt_cti_do_mapunmap", line);
     return dagt_run_shell(result, line);

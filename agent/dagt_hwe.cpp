@@ -8,6 +8,7 @@
 
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
+#include "core/shell.h"
 #include "platform/log.h"
 #include "qdss/qmi_client.h"
 
@@ -91,13 +92,15 @@ uint32_t _dagt_hwe_enabledisable(dagt_cmd_t *cmd, dagt_result *result, int enabl
     char path[DAGT_CMD_LEN];
     char line[DAGT_CMD_LEN];
     dagt_sys_path(DAGT_STM_HWEVENT_ENABLE, path, sizeof path);
-    if (dagt_build_cmd(result, line, sizeof line, "echo 0x%01x > %s", enable, path) != 0)
+    if (dagt_build_cmd(result, line, sizeof line, "echo 0x%01x > %s", enable,
+                       shell_word(path).c_str()) != 0)
         return dagt_code(result);
     VLOGD("%s\n", line);
     if (dagt_run_shell(result, line) != 0)
         return dagt_code(result);
     dagt_sys_path(DAGT_HWEVENT_ENABLE, path, sizeof path);
-    if (dagt_build_cmd(result, line, sizeof line, "echo 0x%01x > %s", enable, path) != 0)
+    if (dagt_build_cmd(result, line, sizeof line, "echo 0x%01x > %s", enable,
+                       shell_word(path).c_str()) != 0)
         return dagt_code(result);
     VLOGD("%s\n", line);
     dagt_run_shell(result, line);
@@ -132,8 +135,9 @@ uint32_t dagt_hwe_apps_set_reg(dagt_cmd_t *cmd, dagt_result *result) {
     char path[DAGT_CMD_LEN];
     char line[DAGT_CMD_LEN];
     dagt_sys_path(DAGT_HWEVENT_SETREG, path, sizeof path);
-    if (dagt_build_cmd(result, line, sizeof line, "echo %s %s > %s", cmd->params[4], cmd->params[6],
-                       path) != 0)
+    if (dagt_build_cmd(result, line, sizeof line, "echo %s %s > %s",
+                       shell_word(cmd->params[4]).c_str(), shell_word(cmd->params[6]).c_str(),
+                       shell_word(path).c_str()) != 0)
         return dagt_code(result);
     VLOGD("%s: %s \n", "dagt_hwe_apps_set_reg", line);
     dagt_run_shell(result, line);

@@ -30,7 +30,7 @@ int echo_into(const char *word, const char *device_path) {
     char path[DAGT_CMD_LEN];
     char cmd[DAGT_CMD_LEN];
     dagt_sys_path(device_path, path, sizeof path);
-    int n = snprintf(cmd, sizeof cmd, "echo %s > %s", word, path);
+    int n = snprintf(cmd, sizeof cmd, "echo %s > %s", word, shell_word(path).c_str());
     if (n < 0 || static_cast<size_t>(n) >= sizeof cmd) {
         errno = ENAMETOOLONG;
         return -1;
@@ -200,7 +200,8 @@ uint32_t dagt_sink_set_ddr_bytecount(dagt_cmd_t *cmd, dagt_result *result) {
     char path[DAGT_CMD_LEN];
     char line[DAGT_CMD_LEN];
     dagt_sys_path(kEtrByteCntr, path, sizeof path);
-    if (dagt_build_cmd(result, line, sizeof line, "echo %s > %s", cmd->params[4], path) == 0)
+    if (dagt_build_cmd(result, line, sizeof line, "echo %s > %s",
+                       shell_word(cmd->params[4]).c_str(), shell_word(path).c_str()) == 0)
         dagt_run_shell(result, line);
     return dagt_code(result);
 }

@@ -130,7 +130,8 @@ int dagt_set_state(dagt_result *result, const char *path, const char *word) {
         return -1;
     }
     char cmd[DAGT_CMD_LEN];
-    if (dagt_build_cmd(result, cmd, sizeof cmd, "echo %01d > %s", value, file) != 0)
+    if (dagt_build_cmd(result, cmd, sizeof cmd, "echo %01d > %s", value,
+                       shell_word(file).c_str()) != 0)
         return -1;
     return dagt_run_shell(result, cmd);
 }

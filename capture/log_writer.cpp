@@ -52,7 +52,7 @@ std::string log_root() {
 
 int mkdir_p(const char *host_dir, size_t cmd_len) {
     std::string cmd(cmd_len + strlen(vorn_root()), '\0');
-    snprintf(cmd.data(), cmd.size(), "mkdir -p %s", host_dir);
+    snprintf(cmd.data(), cmd.size(), "mkdir -p %s", shell_word(host_dir).c_str());
     return run_command(cmd.c_str());
 }
 

@@ -7,6 +7,37 @@
 
 #include "platform/log.h"
 
+std::string shell_word(std::string_view word) {
+    auto literal = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               strchr("_-./:,+=@%", c) != nullptr;
+    };
+    bool plain = !word.empty();
+    for (char c : word)
+        plain = plain && c != '\0' && literal(c);
+    if (plain)
+        return std::string(word);
+    std::string out = "'";
+    for (char c : word) {
+        if (c == '\'')
+            out += "'\\''";
+        else
+            out += c;
+    }
+    out += '\'';
+    return out;
+}
+
+std::string shell_dquoted(std::string_view text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '\\' || c == '"' || c == '$' || c == '`')
+            out += '\\';
+        out += c;
+    }
+    return out;
+}
+
 int run_command(const char *cmd) {
     int status = system(cmd);
     if (status == 1) {

@@ -264,7 +264,7 @@ int dumpparser_parse_dir_version(const char *dir, int version) {
     }
     char params[256];
     snprintf(params, sizeof(params), "--ei result %d --es para \"DumpParser %s %s\"", status,
-             reason, dir);
+             shell_dquoted(reason).c_str(), shell_dquoted(dir).c_str());
     send_broadcast(VORN_BROADCAST_ACTION, params);
     return status;
 }

@@ -97,6 +97,12 @@ TEST(HweTest, RegisterWrites) {
     agent_run_cases({
         {"hwe apps setreg addr 0x10 value 5", {{kSetreg, ""}}, 0, nullptr, {{kSetreg, "0x10 5\n"}}},
         {"hwe apps setreg addr 1 anything 2", {{kSetreg, ""}}, 0, nullptr, {{kSetreg, "1 2\n"}}},
+        // Typed words reach the file as text; the shell never runs them.
+        {"hwe apps setreg addr $(echo;touch;x) value a'b&c",
+         {{kSetreg, ""}},
+         0,
+         nullptr,
+         {{kSetreg, "$(echo;touch;x) a'b&c\n"}}},
         {"hwe apps setreg ADDR 1 value 2", {{kSetreg, ""}}, 2, nullptr, {{kSetreg, ""}}},
         {"hwe apps setreg addr 1 value", {{kSetreg, ""}}, 4, nullptr, {}},
         {"hwe apps setreg addr 1 value 2 3", {{kSetreg, ""}}, 4, nullptr, {}},

@@ -42,6 +42,25 @@ TEST(ShellTest, RunCommandReturnsTheRawStatusAndLogsHowItEnded) {
     }
 }
 
+TEST(ShellTest, WordsWithMetacharactersStayOneLiteralWord) {
+    EXPECT_EQ(shell_word("/sys/bus/coresight/devices/coresight-stm/enable"),
+              "/sys/bus/coresight/devices/coresight-stm/enable");
+    EXPECT_EQ(shell_word("0x1f"), "0x1f");
+    EXPECT_EQ(shell_word(""), "''");
+    EXPECT_EQ(shell_word("it's"), "'it'\\''s'");
+    TempRoot dir;
+    for (std::string word : {"/a dir/x", "$(touch pwned)", "`id`;x|y&z>w", "it's \"q\" \\n", "~"}) {
+        std::string out = dir.path() + "/out";
+        EXPECT_EQ(run_command(("printf %s " + shell_word(word) + " > " + shell_word(out)).c_str()),
+                  0);
+        EXPECT_EQ(read_file(out), word);
+        std::string dq = "printf %s \"" + shell_dquoted(word) + "\" > " + shell_word(out);
+        EXPECT_EQ(run_command(dq.c_str()), 0);
+        EXPECT_EQ(read_file(out), word);
+    }
+    EXPECT_FALSE(dir.exists("/pwned"));
+}
+
 // An am first on PATH that records its arguments and fails its first
 // `fails` runs.
 class BroadcastTest : public ::testing::Test {
