@@ -17,6 +17,7 @@
 #include "capture/log_writer.h"
 #include "capture/worker_util.h"
 #include "core/gbl_config.h"
+#include "core/shell.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -174,8 +175,10 @@ int exec_cycle(exec_worker *w) {
     // path are resolved under the root.
     std::string path = vorn_path(log_path);
     free(log_path);
-    char *cmd = exec_build_command(w->tmpl, path.c_str(), vorn_path(mask).c_str(),
-                                   has_link ? vorn_path(mask_link).c_str() : nullptr);
+    // Paths stay one word on the command line; the mask is an option string
+    // and goes in as it is.
+    char *cmd = exec_build_command(w->tmpl, shell_word(path).c_str(), vorn_path(mask).c_str(),
+                                   has_link ? shell_word(vorn_path(mask_link)).c_str() : nullptr);
     if (cmd == nullptr)
         return -1;
     if (w->running)

@@ -27,18 +27,20 @@ int set_dynamic_debug_mask(char *path, int on) {
         free(path);
         return -1;
     }
-    std::string debugfs = vorn_path(kDebugfs);
+    std::string control = shell_word(vorn_path(kDebugfs) + "/dynamic_debug/control");
     int result = 0;
     char line[512];
     while (fgets(line, sizeof line, f)) {
         if (line[0] == '\n' || line[0] == '#')
             continue;
         line[strcspn(line, "\n")] = '\0';
+        // The query sits inside single quotes: one of its own must not end them.
+        std::string query;
+        for (const char *c = line; *c != '\0'; c++)
+            query += *c == '\'' ? std::string("'\\''") : std::string(1, *c);
         char cmd[1024];
-        snprintf(cmd, sizeof cmd,
-                 on ? " echo -n '%s +p' > %s/dynamic_debug/control"
-                    : " echo -n '%s -p' > %s/dynamic_debug/control",
-                 line, debugfs.c_str());
+        snprintf(cmd, sizeof cmd, on ? " echo -n '%s +p' > %s" : " echo -n '%s -p' > %s",
+                 query.c_str(), control.c_str());
         VLOGD("%s: %s\n", "set_dynamic_debug_mask", cmd);
         int ret = run_command(cmd);
         if (ret != 0)
@@ -60,7 +62,7 @@ int vorn_set_dynamic_debug(vorn_node *, const vorn_ctrl_msg *cmd) {
 
 int update_bt_conf(int on) {
     VLOGD("%s %s\n", "update_bt_conf", on ? "enable" : "disable");
-    std::string system = vorn_path("/system");
+    std::string system = shell_word(vorn_path("/system"));
     std::string cmd = "mount -o remount,rw " + system;
     if (run_command(cmd.c_str()) != 0) {
         VLOGE("Failed to remount system as RW\n");

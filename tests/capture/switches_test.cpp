@@ -52,6 +52,14 @@ TEST_F(SwitchesTest, DynamicDebugRunsEveryQueryLineAndSkipsCommentsAndBlanks) {
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &off), 0);
     EXPECT_EQ(control(), "module usbcore -p");
 
+    // A quote inside a query does not end the command's quoting.
+    const std::string evil = "func x'$(touch " + root_->at("/pwned") + ")'";
+    root_->write("/data/evil.txt", evil + "\n");
+    vorn_ctrl_msg quoted = msg(1, "/data/evil.txt");
+    EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &quoted), 0);
+    EXPECT_EQ(control(), evil + " +p");
+    EXPECT_FALSE(root_->exists("/pwned"));
+
     // Comments and blank lines only: nothing runs, and that is success.
     root_->write("/data/none.txt", "# nothing\n\n\n#  here\n");
     log_.clear();
