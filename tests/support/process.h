@@ -6,13 +6,9 @@
 
 struct ProcessResult {
     int exit_status = -1;  // WEXITSTATUS, or -1 when killed or timed out
-    int signal = 0;        // the terminating signal, if any
-    bool timed_out = false;
-    std::string out;  // standard output
-    std::string err;  // standard error
+    std::string out;       // standard output
+    std::string err;       // standard error
 };
 
-// Runs argv[0] (a path) with argv, extra environment entries ("K=V") added,
-// killing it after timeout_ms.
-ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms,
-                          const std::vector<std::string> &env = {});
+// Runs argv[0] (a path) with argv, killing it after timeout_ms.
+ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms);
