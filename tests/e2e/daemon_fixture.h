@@ -7,12 +7,11 @@
 //   CtrlExchange r = d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Dmesg"));
 //   EXPECT_FALSE(d.wait_for_log("Send 256 bytes out").empty());
 //
-// The temporary directory holds the device root (etc/, data/, dev/socket/,
-// sdcard/logs/, system/bin/sh -> /bin/sh, system/build.prop), bin/am (a
-// recording activity manager, first on the daemon's PATH) and vornd.stderr.
-// Everything is removed, and the daemon with every process it started is
-// killed, when the fixture goes away. When the test has failed the end of the
-// daemon's log is printed first.
+// The root holds etc/, data/, dev/socket/, sdcard/logs/, system/bin/sh ->
+// /bin/sh, system/build.prop, and host/: bin/am (a recording activity manager,
+// first on the daemon's PATH) and vornd.stderr. The daemon and every process
+// it started are killed when the fixture goes away; when the test has failed
+// the end of the daemon's log is printed first.
 #pragma once
 
 #include <sys/types.h>
@@ -26,6 +25,7 @@
 #include "core/ctrl_msg.h"
 #include "tests/support/file_saves.h"
 #include "tests/support/process.h"
+#include "tests/support/temp_root.h"
 
 // What one connection to the control socket saw.
 struct CtrlExchange {
@@ -34,52 +34,39 @@ struct CtrlExchange {
     std::string reply;       // every byte read before the close or the timeout
 };
 
-class DaemonFixture {
+class DaemonFixture : public TempRoot {
   public:
     DaemonFixture();
     ~DaemonFixture();
-    DaemonFixture(const DaemonFixture &) = delete;
-    DaemonFixture &operator=(const DaemonFixture &) = delete;
 
-    // The device root given to vornd --root, and host paths under it.
-    const std::string &root() const { return root_; }
-    std::string at(std::string_view device_path) const;
-    std::string socket_path() const { return at("/dev/socket/vornd"); }
-    void write(std::string_view device_path, std::string_view content) const;
-    std::string read(std::string_view device_path) const;
-
-    // Writes the system copy "/etc/vorn-conf.xml"; at its first start the
-    // daemon copies it to the working copy.
-    void write_config(std::string_view xml) const;
-    // The working copy "/data/vorn-conf.xml" as it is now.
+    // The system copy, which the first start copies to the working copy.
+    void write_config(std::string_view xml) const { write("/etc/vorn-conf.xml", xml); }
     std::string working_xml() const { return read("/data/vorn-conf.xml"); }
     // Counts the saves of the working copy from now on.
     FileSaves working_saves() const { return FileSaves(at("/data"), "vorn-conf.xml"); }
 
-    // The recording am: every run appends one entry (its arguments joined by
-    // blanks) and exits with the given status (0 until changed).
+    // The recording am: every run appends its arguments as one line and exits
+    // with the given status (0 until changed).
     void set_am_exit_status(int status) const;
     std::vector<std::string> broadcasts() const;
 
-    // Starts vornd --root <root> (extra arguments appended) and waits until it
-    // listens. Returns false when it exited or did not listen in time.
-    bool start(const std::vector<std::string> &extra_args = {}, int timeout_ms = 10000);
-    // True while the daemon has not exited.
+    // Starts vornd --root <root> and waits until it listens. False when it
+    // exited or did not listen in time.
+    bool start(int timeout_ms = 10000);
     bool alive();
-    // Kills the daemon and every process it started, and reaps it.
+    // Kills the daemon and every process it started.
     void stop();
-    pid_t pid() const { return pid_; }
-    // Exit status (or 128 + signal) once it has exited, -1 before.
+    // Exit status once it has exited, -1 before or when killed.
     int exit_status();
 
-    // The daemon's stderr (threadtime log lines), and its file.
+    // The daemon's stderr (threadtime log lines) from byte `from` on.
     const std::string &stderr_path() const { return stderr_path_; }
     std::string log(size_t from = 0) const;
     // The current end of the log: pass it as `from` to look only at later lines.
-    size_t log_mark() const;
-    // Waits for a line containing text at or after from. Returns the line
-    // (without its newline) or "" on timeout; *next receives the offset just
-    // after the line.
+    size_t log_mark() const { return log().size(); }
+    // Waits for a complete line containing text at or after from. Returns the
+    // line (without its newline) or "" on timeout; *next receives the offset
+    // just after the line.
     std::string wait_for_log(std::string_view text, int timeout_ms = 10000, size_t from = 0,
                              size_t *next = nullptr) const;
     // Every line containing text at or after from.
@@ -93,14 +80,12 @@ class DaemonFixture {
     CtrlExchange exchange(const vorn_ctrl_msg &msg, int timeout_ms = 10000) const;
 
     // Runs the vornctl of the build directory with --root <root> first.
-    ProcessResult vornctl(const std::vector<std::string> &args, int timeout_ms = 30000) const;
+    ProcessResult vornctl(const std::vector<std::string> &args) const;
 
   private:
-    std::string dir_;   // the temporary directory
-    std::string root_;  // dir_/root
     std::string stderr_path_;
     pid_t pid_ = -1;
-    int status_ = -1;  // wait status once reaped
+    int status_ = 0;
     bool reaped_ = false;
 };
 
@@ -110,7 +95,7 @@ vorn_ctrl_msg ctrl_msg(uint8_t type, const char *logname = "", uint8_t enable = 
 // The message as the bytes a client sends.
 std::string msg_bytes(const vorn_ctrl_msg &msg);
 
-// Milliseconds since the start of the day of a threadtime log line's stamp
+// Milliseconds since the start of the month of a threadtime log line's stamp
 // ("MM-DD HH:MM:SS.mmm ..."), or -1 when the line has none.
 long long log_line_ms(std::string_view line);
 
