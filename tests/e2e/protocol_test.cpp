@@ -1,26 +1,17 @@
 // The control socket as a client sees it: reply bytes, requests closed
 // without a reply, and bad input that must not stop the daemon.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
 #include <string>
 
-#include "core/gbl_config.h"
 #include "tests/e2e/daemon_fixture.h"
 #include "tests/support/conf_text.h"
 
 namespace {
-
-const std::string kGlobal =
-    "enable=\"1\" loglevel=\"2\" time=\"30\" size=\"4096\" log_path=\"/sdcard/logs/\"";
-
-std::string config() {
-    return make_conf("1", kGlobal,
-                     pipe_node("Alpha", "loglevel=\"3\" size=\"2048\" mask=\"m1\"") +
-                         pipe_node("Beta", "mask=\"b\""));
-}
 
 // Bytes 128-255 of a request: a pattern the reply must echo.
 void fill_reserved(vorn_ctrl_msg *m) {
@@ -31,13 +22,24 @@ void fill_reserved(vorn_ctrl_msg *m) {
 class ProtocolTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        d.write_config(config());
+        d.write_config(make_conf(
+            "1", "enable=\"1\" loglevel=\"2\" time=\"30\" size=\"4096\" log_path=\"/sdcard/logs/\"",
+            pipe_node("Alpha", "loglevel=\"3\" size=\"2048\" mask=\"m1\"") + pipe_node("Beta")));
+        setenv("ANDROID_SOCKET_vornd", "-1", 1);  // not a socket: the daemon makes its own
         ASSERT_TRUE(d.start()) << d.log();
     }
     DaemonFixture d;
 };
 
 TEST_F(ProtocolTest, RepliesAndRequestsWithoutReply) {
+    struct stat st;
+    ASSERT_EQ(stat(d.at("/dev/socket/vornd").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    EXPECT_FALSE(d.wait_for_log("logid 1, enable 0 , loglevel 3 ,logtype 128 , log_provider echo "
+                                "hi , log_filepath Alpha/Alpha ,logname Alpha ,mask m1\n",
+                                0)
+                     .empty());
+
     // Type 1: the node's fields, the request's bytes 128-255 echoed.
     vorn_ctrl_msg q = ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha");
     q.logid = 77;

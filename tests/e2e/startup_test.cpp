@@ -1,0 +1,57 @@
+// The real vornd's options and start-up exit paths, as a tester sees them.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+
+#include "tests/e2e/daemon_fixture.h"
+#include "tests/support/conf_text.h"
+
+namespace {
+
+TEST(StartupTest, HelpVersionAndUsageErrors) {
+    const std::string vornd = build_binary("vornd");
+    ProcessResult help = run_process({vornd, "--help"}, 5000);
+    EXPECT_EQ(help.exit_status, 0);
+    EXPECT_NE(help.out.find("--root DIR"), std::string::npos);
+    ProcessResult version = run_process({vornd, "--version"}, 5000);
+    EXPECT_EQ(version.exit_status, 0);
+    EXPECT_EQ(version.out.rfind("vornd ", 0), 0u);
+    for (const char *bad : {"--bogus", "--root", "extra"}) {
+        ProcessResult r = run_process({vornd, bad}, 5000);
+        EXPECT_EQ(r.exit_status, 2) << bad;
+        EXPECT_NE(r.err.find("Usage: vornd"), std::string::npos) << bad;
+    }
+}
+
+TEST(StartupTest, MissingSystemConfigurationExitsWith255) {
+    DaemonFixture d;
+    d.write("/data/vorn-conf.xml", make_conf("1", "", pipe_node("Dmesg")));
+    EXPECT_FALSE(d.start());
+    EXPECT_EQ(d.exit_status(), 255);
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Can't find /etc/vorn-conf.xml", 0).empty());
+    EXPECT_FALSE(d.wait_for_log("return: -1, error:", 0).empty());
+}
+
+TEST(StartupTest, BindFailureReachesTheServingLoopAndEndsAtAccept) {
+    DaemonFixture d;
+    rmdir(d.at("/dev/socket").c_str());
+    d.write_config(make_conf("1", "", pipe_node("Dmesg")));
+    EXPECT_FALSE(d.start());
+    EXPECT_EQ(d.exit_status(), 255);
+    EXPECT_FALSE(
+        d.wait_for_log("Failed to bind socket.  err:No such file or directory", 0).empty());
+    EXPECT_FALSE(d.wait_for_log("Failed to accept socket.", 0).empty());
+    // The revert copied the system file into place before the socket.
+    EXPECT_TRUE(d.exists("/data/vorn-conf.xml"));
+    // Every line on stderr is a threadtime log line.
+    std::istringstream in(d.log());
+    for (std::string line; std::getline(in, line);) {
+        EXPECT_TRUE(line.size() > 33 && line[2] == '-' && line[5] == ' ' && line[8] == ':' &&
+                    line[14] == '.')
+            << line;
+    }
+}
+
+}  // namespace
