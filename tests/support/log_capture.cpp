@@ -9,10 +9,19 @@
 namespace {
 std::mutex g_mutex;
 std::vector<LogLine> g_lines;
+std::function<void(const std::string &)> g_hook;
 
 void capture_logger(const struct __android_logger_data *data, const char *message) {
+    LogLine line{data->priority, data->tag ? data->tag : "", message ? message : ""};
+    std::function<void(const std::string &)> hook;
+    {
+        std::lock_guard<std::mutex> g(g_mutex);
+        hook = g_hook;
+    }
+    if (hook)
+        hook(line.msg);
     std::lock_guard<std::mutex> g(g_mutex);
-    g_lines.push_back({data->priority, data->tag ? data->tag : "", message ? message : ""});
+    g_lines.push_back(std::move(line));
 }
 }  // namespace
 
@@ -24,6 +33,12 @@ LogCapture::LogCapture() {
 
 LogCapture::~LogCapture() {
     __android_log_set_logger(vorn_log_stderr_logger);
+    on_message(nullptr);
+}
+
+void LogCapture::on_message(std::function<void(const std::string &)> hook) {
+    std::lock_guard<std::mutex> g(g_mutex);
+    g_hook = std::move(hook);
 }
 
 std::vector<LogLine> LogCapture::lines() const {

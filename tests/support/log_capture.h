@@ -1,6 +1,7 @@
 // Captures the daemon's log messages in a test (liblog's logger is process-wide).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,8 @@ class LogCapture {
     // The first message containing text, with its priority; prio -1 when none.
     LogLine find(std::string_view text) const;
     void clear();
+    // Runs hook on every message, on the logging thread, before it is recorded.
+    void on_message(std::function<void(const std::string &)> hook);
     // All messages, one per line, for failure output.
     std::string dump() const;
 };
