@@ -1,21 +1,25 @@
 #include "tests/capture/capture_env.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 
 #include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
-#include "core/node_ops.h"
 
 namespace fs = std::filesystem;
 
 TempRoot &capture_root() {
     static TempRoot *root = [] {
+        setenv("TZ", "UTC", 1);  // lines carry local time
+        tzset();
         auto *r = new TempRoot();
         r->mkdir("/system/bin");  // providers run through the device's shell
         symlink("/bin/sh", r->at("/system/bin/sh").c_str());
@@ -27,10 +31,15 @@ TempRoot &capture_root() {
 namespace {
 // Workers left idle by the tests only poll their nodes: the tree can go.
 struct CaptureEnvironment : testing::Environment {
+    void SetUp() override { capture_root(); }
     void TearDown() override { delete &capture_root(); }
 };
 [[maybe_unused]] testing::Environment *const g_env =
     testing::AddGlobalTestEnvironment(new CaptureEnvironment);
+
+std::string top_dir(const std::string &log_root) {
+    return capture_root().at(log_root.substr(0, log_root.find('/', 1)));
+}
 }  // namespace
 
 std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size) {
@@ -43,13 +52,18 @@ std::string fresh_log_root(const std::string &tag, const std::string &dir, int32
     return capture_root().at(root + dir);
 }
 
-vorn_node *make_node(const char *provider, const char *filepath, int32_t size) {
+std::string device_log_root(const std::string &tag) {
+    return fresh_log_root(tag, "").substr(capture_root().path().size());
+}
+
+vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, const char *filepath,
+                     int32_t size) {
     static auto *arena = new std::deque<vorn_node>();  // workers hold their node for ever
     vorn_node &node = arena->emplace_back();
     memset(&node, 0, sizeof node);
     pthread_mutex_init(&node.lock, nullptr);
-    snprintf(node.logname, sizeof node.logname, "Default");
-    node.logtype = VORN_KIND_PIPE;
+    snprintf(node.logname, sizeof node.logname, "%s", name);
+    node.logtype = logtype;
     node.size = size;
     node.log_provider = strdup(provider);
     node.log_filepath = strdup(filepath);
@@ -58,15 +72,17 @@ vorn_node *make_node(const char *provider, const char *filepath, int32_t size) {
 }
 
 vorn_node *start_pipe_node(const char *provider, const char *filepath, int32_t size) {
-    vorn_node *node = make_node(provider, filepath, size);
+    vorn_node *node = make_node("Default", VORN_KIND_PIPE, provider, filepath, size);
     node->enable = 1;
     vorn_node_create_work_thread(node);
     return node;
 }
 
-void set_enable(vorn_node *node, bool enable) {
+void set_enable(vorn_node *node, bool enable, const char *mask) {
     vorn_node_guard g(node);
     node->enable = enable ? 1 : 0;
+    if (mask)
+        snprintf(node->mask, sizeof node->mask, "%s", mask);
     node->pending_change = 1;
 }
 
@@ -97,6 +113,13 @@ std::string file_at(const std::string &host_dir, size_t i) {
     return i < names.size() ? read_file(host_dir + "/" + names[i]) : std::string();
 }
 
+std::string read_dir_files(const std::string &dev_dir) {
+    std::string all, dir = capture_root().at(dev_dir);
+    for (const auto &name : list_dir(dir))
+        all += read_file(dir + "/" + name);
+    return all;
+}
+
 int time_suffixes(const std::string &name, const std::string &prefix) {
     static const std::string shape = ".9999_99_99-99_99_99";
     if (name.rfind(prefix, 0) != 0 || (name.size() - prefix.size()) % shape.size() != 0)
@@ -112,4 +135,27 @@ int time_suffixes(const std::string &name, const std::string &prefix) {
 bool has_zombie_child() {
     siginfo_t info{};
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+}
+
+bool process_gone(pid_t pid) {
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
+}
+
+int make_fifo(const std::string &dev) {
+    capture_root().mkdir("/dev");
+    std::string path = capture_root().at(dev);
+    mkfifo(path.c_str(), 0600);
+    return open(path.c_str(), O_RDWR | O_CLOEXEC);
+}
+
+void block_log_root(const std::string &log_root) {
+    std::error_code ec;
+    fs::remove_all(top_dir(log_root), ec);
+    write_file(top_dir(log_root), "not a directory");
+}
+
+void unblock_log_root(const std::string &log_root) {
+    unlink(top_dir(log_root).c_str());
 }

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "capture/capture_variants.h"
 #include "core/node.h"
+#include "core/node_ops.h"
 #include "tests/support/temp_root.h"
 
 TempRoot &capture_root();
@@ -17,27 +19,59 @@ TempRoot &capture_root();
 // Sets a log root "/<tag>-<n>/logs/" of the test's own and the global size in
 // gbl_config; returns the host path of the node directory dir under it.
 std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size = 0);
+// The same without a global size; returns the log root's device path.
+std::string device_log_root(const std::string &tag);
 
 // A node record bound to its register-table row, kept for the process lifetime.
-vorn_node *make_node(const char *provider, const char *filepath, int32_t size);
-
-// The same for a pipe node whose worker is started (it first looks 3 s later).
+vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, const char *filepath,
+                     int32_t size = 0);
+// An enabled pipe node whose worker is started (it first looks 3 s later).
 vorn_node *start_pipe_node(const char *provider, const char *filepath, int32_t size);
 
-// Sets enable and the pending-change flag under the node's lock, as the dispatcher does.
-void set_enable(vorn_node *node, bool enable);
+// Starts a capture variant on its own thread, which never ends.
+template <auto Variant>
+void start_variant(vorn_node *node) {
+    start_detached_thread(
+        [](void *n) -> void * {
+            Variant(static_cast<vorn_node *>(n));
+            return nullptr;
+        },
+        node, "vornd_test");
+}
 
+// Sets enable (and the mask, when given) and the pending-change flag under
+// the node's lock, as the dispatcher does.
+void set_enable(vorn_node *node, bool enable, const char *mask = nullptr);
 // Disables the node and waits until its worker has taken the change up.
 bool disable_and_settle(vorn_node *node);
+// Disables the node when the test ends, passed or not, so that its worker
+// leaves the next test alone.
+struct disable_at_end {
+    vorn_node *node;
+    ~disable_at_end() { set_enable(node, false); }
+};
 
 std::vector<std::string> list_dir(const std::string &host_dir);  // sorted names
 std::string file_at(const std::string &host_dir, size_t i);      // content of the i-th, or ""
+// All files of a device directory concatenated in name order.
+std::string read_dir_files(const std::string &dev_dir);
 
 // The number of ".YYYY_MM_DD-HH_MM_SS" time suffixes after prefix, or -1.
 int time_suffixes(const std::string &name, const std::string &prefix);
 
 // True when a child of this process has ended and is not yet reaped.
 bool has_zombie_child();
+// True when pid has exited, or is a zombie whose parent is gone too.
+bool process_gone(pid_t pid);
+
+// A FIFO at device path dev, held open for reading and writing by the test
+// so that it never reports end of data; returns the descriptor.
+int make_fifo(const std::string &dev);
+
+// Blocks the log root: its top directory becomes a plain file, so that it can
+// be neither written nor created, until unblock_log_root removes the file.
+void block_log_root(const std::string &log_root);
+void unblock_log_root(const std::string &log_root);
 
 template <typename Pred>
 bool wait_for(Pred pred, int timeout_ms) {

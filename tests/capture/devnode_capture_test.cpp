@@ -10,7 +10,6 @@
 
 #include "capture/logger_entry.h"
 #include "tests/capture/capture_env.h"
-#include "tests/capture/capture_workers.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -48,8 +47,8 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     block_log_root(root);
     int raw_fd = make_fifo("/dev/raw0");
     int klog_fd = make_fifo("/dev/klog0");
-    vorn_node *raw = make_capture_node("RPM", 0x00, "/dev/raw0", "Raw/raw");
-    vorn_node *klog = make_capture_node("AdbMain", 0x02, "/dev/klog0", "Klog/main");
+    vorn_node *raw = make_node("RPM", 0x00, "/dev/raw0", "Raw/raw");
+    vorn_node *klog = make_node("AdbMain", 0x02, "/dev/klog0", "Klog/main");
     disable_at_end raw_guard{raw}, klog_guard{klog};
     set_enable(raw, true);
     set_enable(klog, true);
@@ -108,8 +107,8 @@ TEST(DevnodeCaptureTest, MultiDeviceReaderUsesFourSlotsAndSkipsTheOneThatWillNot
     int a = make_fifo("/dev/ma");
     int b = make_fifo("/dev/mb");
     int c = make_fifo("/dev/mc");
-    vorn_node *node = make_capture_node(
-        "QXDM", 0xC0, "/dev/ma;/dev/missing /dev/mb;/dev/mc;/dev/fifth", "Multi/multi");
+    vorn_node *node =
+        make_node("QXDM", 0xC0, "/dev/ma;/dev/missing /dev/mb;/dev/mc;/dev/fifth", "Multi/multi");
     disable_at_end guard{node};
     set_enable(node, true);
     start_variant<capture_multi_devnode>(node);

@@ -5,21 +5,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <android/log.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "capture/exec_capture.h"
-#include "platform/log.h"
 #include "tests/capture/capture_env.h"
-#include "tests/capture/capture_workers.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -66,34 +61,6 @@ TEST(ExecProcessTest, ScanFindsTheChildrenOfOneParentWithinItsPlaces) {
     EXPECT_EQ(exec_scan_children(capture_root().at("/no/proc").c_str(), 7, kids), -1);
 }
 
-// Records the daemon's messages. When the worker announces its shell's pid,
-// it is held until two children of that shell have reported, so that the one
-// scan after the fork finds them.
-struct GatedLog {
-    std::mutex mutex;
-    std::vector<std::string> lines;
-    std::function<void(pid_t)> on_pid;
-
-    static GatedLog &get() {
-        static GatedLog &log = *new GatedLog;  // the worker logs after the test too
-        return log;
-    }
-    static void logger(const __android_logger_data *, const char *msg) {
-        GatedLog &log = get();
-        {
-            std::lock_guard<std::mutex> g(log.mutex);
-            log.lines.emplace_back(msg);
-        }
-        if (strncmp(msg, "pid is ", 7) == 0 && log.on_pid)
-            log.on_pid(atoi(msg + 7));
-    }
-    size_t count(const std::string &prefix) {
-        std::lock_guard<std::mutex> g(mutex);
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
-    }
-};
-
 // One line per started child of the provider: "<pid> <parent pid> <args>".
 struct Probe {
     pid_t pid, parent;
@@ -113,16 +80,8 @@ std::vector<Probe> probes(const std::string &file) {
     return out;
 }
 
-bool gone(pid_t pid) {  // exited, or a zombie of a shell that is gone too
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
-}
-
 TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChange) {
     TempRoot &root = capture_root();
-    root.mkdir("/system/bin");
-    symlink("/bin/sh", root.at("/system/bin/sh").c_str());
     symlink("/proc", root.at("/proc").c_str());
     const std::string out = root.at("/probe.out");
     root.write("/bin/vorn_exec_probe",
@@ -130,8 +89,13 @@ TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChan
     chmod(root.at("/bin/vorn_exec_probe").c_str(), 0755);
     setenv("PATH", (root.at("/bin") + ":" + getenv("PATH")).c_str(), 1);
 
-    GatedLog &log = GatedLog::get();
-    log.on_pid = [out](pid_t shell) {
+    // When the worker announces its shell's pid, it is held until two children
+    // of that shell have reported, so that the one scan after the fork finds them.
+    LogCapture log;
+    log.on_message([out](const std::string &msg) {
+        if (msg.rfind("pid is ", 0) != 0)
+            return;
+        pid_t shell = atoi(msg.c_str() + 7);
         wait_for(
             [&] {
                 auto p = probes(out);
@@ -139,29 +103,22 @@ TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChan
                                      [&](const Probe &x) { return x.parent == shell; }) == 2;
             },
             5000);
-    };
-    __android_log_set_logger(GatedLog::logger);
+    });
     struct Reaper {  // nothing the test started outlives it
         std::string out;
         ~Reaper() {
             for (const auto &p : probes(out))
                 kill(p.pid, SIGKILL), kill(p.parent, SIGKILL);
-            __android_log_set_logger(vorn_log_stderr_logger);
         }
     } reaper{out};
 
     std::string log_root = device_log_root("exec");
-    vorn_node *node = make_capture_node(
-        "QXDM", 0x40, "vorn_exec_probe #path #mask #mask_link & vorn_exec_probe 2 & wait",
-        "Diag/diag");
+    vorn_node *node =
+        make_node("QXDM", 0x40, "vorn_exec_probe #path #mask #mask_link & vorn_exec_probe 2 & wait",
+                  "Diag/diag");
     node->mask_link = strdup("/sdcard/link.cfg");
-    set_enable_mask(node, true, "/sdcard/mask.cfg");
-    start_detached_thread(
-        [](void *n) -> void * {
-            capture_exec(static_cast<vorn_node *>(n));
-            return nullptr;
-        },
-        node, "vornd_test");
+    set_enable(node, true, "/sdcard/mask.cfg");
+    start_variant<capture_exec>(node);
     // Arguments of the children started since the first'th line, sorted.
     auto args_from = [&](size_t first) {
         std::vector<std::string> args;
@@ -182,27 +139,29 @@ TEST(ExecCaptureTest, StartsTheTemplatedCommandStopsItsChildrenAndRestartsOnChan
 
     // Disabled: each child, then the shell, gets SIGUSR1 and SIGCONT.
     set_enable(node, false);
-    ASSERT_TRUE(wait_for([&] { return gone(first[0].pid) && gone(first[1].pid); }, 5000));
+    ASSERT_TRUE(
+        wait_for([&] { return process_gone(first[0].pid) && process_gone(first[1].pid); }, 5000));
     EXPECT_EQ(log.count("disable " + std::to_string(first[0].pid)), 1u);
     EXPECT_EQ(log.count("disable " + std::to_string(first[1].pid)), 1u);
 
     // Enabled with a new mask, then changed while running: a restart.
-    set_enable_mask(node, true, "0x3");
+    set_enable(node, true, "0x3");
     ASSERT_TRUE(wait_for([&] { return probes(out).size() == 4; }, 5000));
     EXPECT_EQ(args_from(2)[0], path + "0x3" + link);
     auto second = probes(out);
-    set_enable_mask(node, true, "0x4");
+    set_enable(node, true, "0x4");
     ASSERT_TRUE(wait_for([&] { return probes(out).size() == 6; }, 5000));
-    EXPECT_TRUE(wait_for([&] { return gone(second[2].pid) && gone(second[3].pid); }, 2000));
+    EXPECT_TRUE(
+        wait_for([&] { return process_gone(second[2].pid) && process_gone(second[3].pid); }, 2000));
     EXPECT_EQ(args_from(4)[0], path + "0x4" + link);
 
     // Without a change, a running command is left alone.
     sleep(4);
     EXPECT_EQ(probes(out).size(), 6u);
-    EXPECT_FALSE(gone(probes(out)[4].pid));
+    EXPECT_FALSE(process_gone(probes(out)[4].pid));
     set_enable(node, false);
-    EXPECT_TRUE(wait_for([&] { return gone(probes(out)[4].pid); }, 5000));
-    EXPECT_EQ(log.count("pid is "), 3u);
+    EXPECT_TRUE(wait_for([&] { return process_gone(probes(out)[4].pid); }, 5000));
+    EXPECT_EQ(log.count_containing("pid is "), 3u);
 }
 
 }  // namespace

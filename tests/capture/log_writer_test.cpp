@@ -29,7 +29,7 @@ class LogWriterTest : public ::testing::Test {
     void open(const char *filepath, int32_t size, int32_t global_size = 0) {
         std::string fp = filepath;
         dir = fresh_log_root("w", fp.substr(0, fp.rfind('/') + 1), global_size);
-        node = make_node("true", filepath, size);
+        node = make_node("Default", VORN_KIND_PIPE, "true", filepath, size);
         ASSERT_EQ(open_log_file(node, &file, path), 0) << log.dump();
     }
     int write(const std::string &data) {

@@ -12,7 +12,6 @@
 #include "capture/logd_capture.h"
 #include "platform/logd_reader.h"
 #include "tests/capture/capture_env.h"
-#include "tests/capture/capture_workers.h"
 #include "tests/support/log_capture.h"
 #include "tools/fake_logd/fake_logd.h"
 
@@ -97,7 +96,7 @@ TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnect
     LogCapture log;
     FakeLogd logd(capture_root().at(VORN_LOGDR_SOCKET));
     std::string root = device_log_root("logd");
-    vorn_node *node = make_capture_node("AdbMain", 0x02, "main;system", "Adb/main");
+    vorn_node *node = make_node("AdbMain", 0x02, "main;system", "Adb/main");
     disable_at_end guard{node};
     start_variant<capture_adb_socket>(node);
     // Past its start-up wait for the log root, the worker is enabled while
@@ -166,7 +165,7 @@ TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConvert
     FakeLogd logd(capture_root().at(VORN_LOGDR_SOCKET));
     std::string root = device_log_root("logdev");
     vorn_node *node =
-        make_capture_node("AdbEvents", 0x02, "main;/dev/log/radio;events system;crash", "Ev/ev");
+        make_node("AdbEvents", 0x02, "main;/dev/log/radio;events system;crash", "Ev/ev");
     disable_at_end guard{node};
     set_enable(node, true);
     start_variant<capture_adb_socket>(node);

@@ -10,7 +10,6 @@
 
 #include "capture/logger_entry.h"
 #include "tests/capture/capture_env.h"
-#include "tests/capture/capture_workers.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -69,8 +68,8 @@ class LoggerEntryTest : public testing::Test {
         return read_file(path_);
     }
 
-    vorn_node *text_node_ = make_capture_node("AdbMain", 0x02, "/dev/log/main", "Main/main");
-    vorn_node *event_node_ = make_capture_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev");
+    vorn_node *text_node_ = make_node("AdbMain", 0x02, "/dev/log/main", "Main/main");
+    vorn_node *event_node_ = make_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev");
     vorn_log_file file_{};
     char cur_[VORN_PATH_MAX] = "";
     std::string path_;

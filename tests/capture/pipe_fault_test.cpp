@@ -62,13 +62,8 @@ TEST(PipeFault, ProviderThatLeavesADaemonBehind) {
     EXPECT_EQ(log.find("pstat = ").msg.rfind("pstat = 0x00000000, pid = ", 0), 0u);  // reaped
     EXPECT_FALSE(has_zombie_child());
     // The daemon dies on its next write to the closed pipe.
-    std::string stat = "/proc/" + std::to_string(atoi(read_file(pid_file).c_str())) + "/stat";
-    auto gone = [&] {
-        std::string s = read_file(stat);
-        size_t p = s.rfind(')');
-        return p == std::string::npos || s[p + 2] == 'Z';
-    };
-    EXPECT_TRUE(wait_for(gone, 3000));
+    pid_t daemon = atoi(read_file(pid_file).c_str());
+    EXPECT_TRUE(wait_for([&] { return process_gone(daemon); }, 3000));
 }
 
 TEST(PipeFault, FullFileSystemDropsToTheIdlePollAndRetries) {
