@@ -2,12 +2,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 
 #include "tests/e2e/daemon_fixture.h"
 #include "tests/support/conf_text.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 class VornctlTest : public ::testing::Test {
   protected:
@@ -81,21 +84,15 @@ TEST_F(VornctlTest, NodeAndGlobalCommands) {
     EXPECT_FALSE(d.wait_for_log("Message recieved size:256 type:7").empty());
 
     // Usage errors, and a socket nobody listens on.
-    for (const auto &args :
-         std::vector<std::vector<std::string>>{{},
-                                               {"bogus"},
-                                               {"query"},
-                                               {"query", "a", "b"},
-                                               {"--bogus", "status"},
-                                               {"enable", "Alpha", "--mask"},
-                                               {"disable", "Alpha", "--mask", "x"},
-                                               {"enable", "Alpha", "--mask", std::string(100, 'm')},
-                                               {"set-log-path", std::string(117, 'p')},
-                                               {"agent"},
-                                               {"agent", std::string(255, 'a')},
-                                               {"archive", "Crash"},
-                                               {"--timeout", "0", "global"},
-                                               {"global", "--wait"}}) {
+    for (const std::string &line :
+         {""s, "bogus"s, "query"s, "query a b"s, "--bogus status"s, "enable Alpha --mask"s,
+          "disable Alpha --mask x"s, "enable Alpha --mask " + std::string(100, 'm'),
+          "set-log-path " + std::string(117, 'p'), "agent"s, "agent " + std::string(255, 'a'),
+          "archive Crash"s, "--timeout 0 global"s, "global --wait"s}) {
+        std::vector<std::string> args;
+        std::istringstream words(line);
+        for (std::string w; words >> w;)
+            args.push_back(w);
         ctl(args, 2);
     }
     EXPECT_EQ(ctl({"--help"}, 0).out.rfind("Usage: vornctl", 0), 0u);
