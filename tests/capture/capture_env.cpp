@@ -120,6 +120,10 @@ std::string read_dir_files(const std::string &dev_dir) {
     return all;
 }
 
+bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms) {
+    return wait_for([&] { return read_dir_files(dev_dir) == want; }, timeout_ms);
+}
+
 int time_suffixes(const std::string &name, const std::string &prefix) {
     static const std::string shape = ".9999_99_99-99_99_99";
     if (name.rfind(prefix, 0) != 0 || (name.size() - prefix.size()) % shape.size() != 0)

@@ -55,6 +55,8 @@ std::vector<std::string> list_dir(const std::string &host_dir);  // sorted names
 std::string file_at(const std::string &host_dir, size_t i);      // content of the i-th, or ""
 // All files of a device directory concatenated in name order.
 std::string read_dir_files(const std::string &dev_dir);
+// Waits until they are exactly want.
+bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms = 8000);
 
 // The number of ".YYYY_MM_DD-HH_MM_SS" time suffixes after prefix, or -1.
 int time_suffixes(const std::string &name, const std::string &prefix);

@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "capture/logger_entry.h"
@@ -34,11 +33,6 @@ void put(int fd, const std::string &bytes) {
             return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
         },
         6000));
-}
-
-// Waits until the node's directory holds exactly want (or times out).
-bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms = 6000) {
-    return wait_for([&] { return read_dir_files(dev_dir) == want; }, timeout_ms);
 }
 
 TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {

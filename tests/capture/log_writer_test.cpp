@@ -158,16 +158,4 @@ TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextRollOver) {
     EXPECT_EQ(file_at(dir, 0), "after");
 }
 
-TEST(ReplaceString, ReplacesTheFirstOccurrenceOnly) {
-    const char *cases[][4] = {{"tcpdump -w #path.pcap", "#path", "/a/b", "tcpdump -w /a/b.pcap"},
-                              {"no token", "#mask", "x", "no token"},
-                              {"#mask #mask", "#mask", "1", "1 #mask"},
-                              {"-m #mask_link", "#mask", "M", "-m M_link"}};
-    for (const auto &c : cases) {
-        char *out = replace_string(c[0], c[1], c[2]);
-        EXPECT_STREQ(out, c[3]);
-        free(out);
-    }
-}
-
 }  // namespace

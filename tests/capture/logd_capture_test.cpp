@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -86,10 +85,6 @@ class LogdCaptureTest : public testing::Test {
         ASSERT_TRUE(wait_for([&] { return logd.drained(); }, 3000));
         usleep(100 * 1000);
     }
-    // Waits until the node's files, closed or flushed, hold want.
-    static bool files_become(const std::string &dir, const std::string &want) {
-        return wait_for([&] { return read_dir_files(dir) == want; }, 8000);
-    }
 };
 
 TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnects) {
@@ -127,7 +122,7 @@ TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnect
         node->new_file_request = 1;
     }
     logd.send(entry(LOG_ID_MAIN, 4, "m", "seven"));
-    EXPECT_TRUE(files_become(root + "Adb", first)) << read_dir_files(root + "Adb");
+    EXPECT_TRUE(dir_becomes(root + "Adb", first)) << read_dir_files(root + "Adb");
     ASSERT_TRUE(
         wait_for([&] { return list_dir(capture_root().at(root + "Adb")).size() == 2; }, 6000));
     {
@@ -155,8 +150,8 @@ TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnect
     // Disabled: the entry that shows it is written, then the file closes.
     set_enable(node, false);
     logd.send(entry(LOG_ID_MAIN, 4, "m", "nine"));
-    EXPECT_TRUE(files_become(root + "Adb", first + line('I', "m", "seven") +
-                                               line('I', "s", "eight") + line('I', "m", "nine")))
+    EXPECT_TRUE(dir_becomes(root + "Adb", first + line('I', "m", "seven") +
+                                              line('I', "s", "eight") + line('I', "m", "nine")))
         << read_dir_files(root + "Adb");
 }
 
@@ -197,7 +192,7 @@ TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConvert
     logd.send(entry(LOG_ID_SYSTEM, 4, "s", "last"));
     std::string want = line('I', "answer", "7") + line('I', "[43]", "8") +
                        line('I', "r", long_msg) + line('I', "s", "last");
-    EXPECT_TRUE(files_become(root + "Ev", want)) << read_dir_files(root + "Ev").substr(0, 500);
+    EXPECT_TRUE(dir_becomes(root + "Ev", want)) << read_dir_files(root + "Ev").substr(0, 500);
 }
 
 }  // namespace

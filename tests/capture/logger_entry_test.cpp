@@ -4,8 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <string>
 
 #include "capture/logger_entry.h"
@@ -46,16 +44,16 @@ class LoggerEntryTest : public testing::Test {
     }
 
     void SetUp() override { new_output(); }
-    void TearDown() override { close_log_file(&file_); }
-
-    // A fresh output file for the next case.
-    void new_output() {
+    void TearDown() override {
         close_log_file(&file_);
-        static int n = 0;
-        path_ = capture_root().at("/fmt-out/" + std::to_string(++n));
-        write_file(path_, "");
-        file_.fp = fopen(path_.c_str(), "w");
-        file_.written = 0;
+        free(buf_);
+    }
+
+    // A fresh in-memory output for the next case.
+    void new_output() {
+        TearDown();
+        buf_ = nullptr;
+        file_.fp = open_memstream(&buf_, &size_);
     }
 
     // Formats bytes as a read returned them.
@@ -65,14 +63,15 @@ class LoggerEntryTest : public testing::Test {
     }
     std::string output() {
         fflush(file_.fp);
-        return read_file(path_);
+        return std::string(buf_, size_);
     }
 
     vorn_node *text_node_ = make_node("AdbMain", 0x02, "/dev/log/main", "Main/main");
     vorn_node *event_node_ = make_node("AdbEvents", 0x02, "/dev/log/events", "Events/ev");
     vorn_log_file file_{};
     char cur_[VORN_PATH_MAX] = "";
-    std::string path_;
+    char *buf_ = nullptr;
+    size_t size_ = 0;
     LogCapture log_;
 };
 

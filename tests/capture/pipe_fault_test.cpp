@@ -2,7 +2,6 @@
 // failures drop back to the idle poll, no zombies.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mount.h>
 
 #include <cerrno>
