@@ -11,6 +11,7 @@
 #include <deque>
 #include <filesystem>
 
+#include "capture/logger_entry.h"
 #include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
 
@@ -145,6 +146,20 @@ bool process_gone(pid_t pid) {
     std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
     size_t paren = stat.rfind(')');
     return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
+}
+
+std::string klog_entry(const std::string &payload, int len_field) {
+    vorn_klog_entry h{};
+    h.len = static_cast<uint16_t>(len_field < 0 ? payload.size() : len_field);
+    h.pid = 1234;
+    h.tid = 1235;
+    h.sec = 1700000000;
+    h.nsec = 123456789;
+    return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
+}
+
+std::string klog_text(char prio, const std::string &tag, const std::string &msg) {
+    return std::string(1, prio) + tag + std::string(1, '\0') + msg + std::string(1, '\0');
 }
 
 int make_fifo(const std::string &dev) {

@@ -66,6 +66,13 @@ bool has_zombie_child();
 // True when pid has exited, or is a zombie whose parent is gone too.
 bool process_gone(pid_t pid);
 
+// A kernel-logger entry as the driver hands it out (pid 1234, 11-14
+// 22:13:20.123 UTC): header, then payload. len_field is the payload length
+// the header claims.
+std::string klog_entry(const std::string &payload, int len_field = -1);
+// A text payload: priority, tag, message, each text ended by a zero.
+std::string klog_text(char prio, const std::string &tag, const std::string &msg);
+
 // A FIFO at device path dev, held open for reading and writing by the test
 // so that it never reports end of data; returns the descriptor.
 int make_fifo(const std::string &dev);

@@ -7,21 +7,10 @@
 
 #include <string>
 
-#include "capture/logger_entry.h"
 #include "tests/capture/capture_env.h"
 #include "tests/support/log_capture.h"
 
 namespace {
-
-std::string klog_entry(char prio, const std::string &tag, const std::string &msg) {
-    std::string payload = std::string(1, prio) + tag + std::string(1, '\0') + msg;
-    payload.push_back('\0');
-    vorn_klog_entry h{};
-    h.len = static_cast<uint16_t>(payload.size());
-    h.pid = 77;
-    h.sec = 1700000000;
-    return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
-}
 
 // Writes bytes and waits until the reader has taken them: a FIFO keeps no
 // record boundaries, a logger device hands out one entry per read.
@@ -56,29 +45,27 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     // Raw bytes, zero bytes included, go through unchanged.
     const std::string early("early\0\xff raw\n", 12);
     put(raw_fd, early);
-    put(klog_fd, klog_entry(4, "boot", "first\nsecond"));
-    put(klog_fd, klog_entry(6, "boot", "third"));
+    put(klog_fd, klog_entry(klog_text(4, "boot", "first\nsecond")));
+    put(klog_fd, klog_entry(klog_text(6, "boot", "third")));
     usleep(300 * 1000);
     EXPECT_TRUE(read_dir_files(root + "Raw").empty());
 
     unblock_log_root(root);
     put(raw_fd, "late\n");
-    put(klog_fd, klog_entry(5, "late", "fourth"));
-    const std::string stamp = "11-14 22:13:20.000: ";
+    put(klog_fd, klog_entry(klog_text(5, "late", "fourth")));
+    const std::string stamp = "11-14 22:13:20.123: ";
     const std::string klog_lines =
-        stamp + "I/boot    (   77): first\n" + stamp + "I/boot    (   77): second\n" + stamp +
-        "E/boot    (   77): third\n" + stamp + "W/late    (   77): fourth\n";
+        stamp + "I/boot    ( 1234): first\n" + stamp + "I/boot    ( 1234): second\n" + stamp +
+        "E/boot    ( 1234): third\n" + stamp + "W/late    ( 1234): fourth\n";
     EXPECT_TRUE(dir_becomes(root + "Raw", early + "late\n")) << read_dir_files(root + "Raw");
     EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines)) << read_dir_files(root + "Klog");
     EXPECT_EQ(log.count("Free pre log buf: /dev/raw0\n"), 1u);
     EXPECT_EQ(log.count("Free pre log buf: /dev/klog0\n"), 1u);
 
     // A wrong-length entry is dropped and the reader goes on.
-    std::string bad = klog_entry(4, "bad", "dropped");
-    bad[0] = 3;
-    put(klog_fd, bad);
-    put(klog_fd, klog_entry(4, "ok", "after"));
-    EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines + stamp + "I/ok      (   77): after\n"));
+    put(klog_fd, klog_entry(klog_text(4, "bad", "dropped"), 3));
+    put(klog_fd, klog_entry(klog_text(4, "ok", "after")));
+    EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines + stamp + "I/ok      ( 1234): after\n"));
     EXPECT_TRUE(log.has("WARNING: read expected: 3,  read actually: 13\n")) << log.dump();
 
     // Disabled: the next delivery is written, then device and file close.
@@ -90,7 +77,7 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     usleep(300 * 1000);
     EXPECT_EQ(read_dir_files(root + "Raw"), early + "late\nlast\n");
     set_enable(klog, false);
-    put(klog_fd, klog_entry(4, "ok", "bye"));
+    put(klog_fd, klog_entry(klog_text(4, "ok", "bye")));
     close(raw_fd);
     close(klog_fd);
 }

@@ -12,25 +12,7 @@
 
 namespace {
 
-constexpr int32_t kSec = 1700000000;  // 11-14 22:13:20 UTC
-constexpr int32_t kNsec = 123456789;
-const std::string kStamp = "11-14 22:13:20.123: ";
-
-// An entry as the driver hands it out: header, then payload. len_field is
-// the payload length the header claims.
-std::string entry(const std::string &payload, int len_field = -1) {
-    vorn_klog_entry h{};
-    h.len = static_cast<uint16_t>(len_field < 0 ? payload.size() : len_field);
-    h.pid = 1234;
-    h.tid = 1235;
-    h.sec = kSec;
-    h.nsec = kNsec;
-    return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
-}
-
-std::string text(char prio, const std::string &tag, const std::string &msg) {
-    return std::string(1, prio) + tag + std::string(1, '\0') + msg + std::string(1, '\0');
-}
+const std::string kStamp = "11-14 22:13:20.123: ";  // of every klog_entry()
 
 std::string le32(uint32_t v) {
     return std::string(reinterpret_cast<const char *>(&v), 4);
@@ -90,31 +72,32 @@ TEST_F(LoggerEntryTest, TextEntriesBecomeOneHeaderedLinePerMessageLine) {
         std::string want;
         const char *warning = nullptr;
     } cases[] = {
-        {"three lines", entry(text(4, "tag", "one\ntwo\nthree")),
+        {"three lines", klog_entry(klog_text(4, "tag", "one\ntwo\nthree")),
          line('I', "tag", "one") + line('I', "tag", "two") + line('I', "tag", "three")},
-        {"final newline adds no empty line", entry(text(6, "t", "done\n")), line('E', "t", "done")},
-        {"empty inner line kept", entry(text(3, "t", "a\n\nb")),
+        {"final newline adds no empty line", klog_entry(klog_text(6, "t", "done\n")),
+         line('E', "t", "done")},
+        {"empty inner line kept", klog_entry(klog_text(3, "t", "a\n\nb")),
          line('D', "t", "a") + line('D', "t", "") + line('D', "t", "b")},
-        {"priority 8", entry(text(8, "t", "m")), line('S', "t", "m")},
-        {"priority 9", entry(text(9, "t", "m")), line('?', "t", "m")},
-        {"priority 0 has no tag", entry(std::string("\0abc\0", 5)), line('?', "", "abc")},
+        {"priority 8", klog_entry(klog_text(8, "t", "m")), line('S', "t", "m")},
+        {"priority 9", klog_entry(klog_text(9, "t", "m")), line('?', "t", "m")},
+        {"priority 0 has no tag", klog_entry(std::string("\0abc\0", 5)), line('?', "", "abc")},
         {"message without its zero loses its last byte",
-         entry(std::string(1, 4) + "tag" + std::string(1, '\0') + "hello"),
+         klog_entry(std::string(1, 4) + "tag" + std::string(1, '\0') + "hello"),
          line('I', "tag", "hell")},
-        {"payload of 4000 bytes", entry(text(4, "tag", big)), line('I', "tag", big)},
-        {"payload of 65535 bytes", entry(text(4, "big", huge)), line('I', "big", huge)},
-        {"empty payload", entry(""), ""},
-        {"priority byte only", entry(std::string(1, 4)), ""},
-        {"tag without its zero", entry(std::string(1, 4) + "tagtagtag"), ""},
-        {"tag and no message", entry(std::string(1, 4) + "tag" + std::string(1, '\0')), ""},
-        {"header claims more", entry(text(4, "t", "abc"), 12), "",
+        {"payload of 4000 bytes", klog_entry(klog_text(4, "tag", big)), line('I', "tag", big)},
+        {"payload of 65535 bytes", klog_entry(klog_text(4, "big", huge)), line('I', "big", huge)},
+        {"empty payload", klog_entry(""), ""},
+        {"priority byte only", klog_entry(std::string(1, 4)), ""},
+        {"tag without its zero", klog_entry(std::string(1, 4) + "tagtagtag"), ""},
+        {"tag and no message", klog_entry(std::string(1, 4) + "tag" + std::string(1, '\0')), ""},
+        {"header claims more", klog_entry(klog_text(4, "t", "abc"), 12), "",
          "WARNING: read expected: 12,  read actually: 7\n"},
-        {"header claims less", entry(text(4, "t", "abc"), 2), "",
+        {"header claims less", klog_entry(klog_text(4, "t", "abc"), 2), "",
          "WARNING: read expected: 2,  read actually: 7\n"},
         {"65535 claimed, 4096 read",
-         entry(text(4, "t", std::string(5000, 'z')), 65535).substr(0, 4096), "",
+         klog_entry(klog_text(4, "t", std::string(5000, 'z')), 65535).substr(0, 4096), "",
          "WARNING: read expected: 65535,  read actually: 4076\n"},
-        {"read shorter than a header", entry(text(4, "t", "abc")).substr(0, 5), "",
+        {"read shorter than a header", klog_entry(klog_text(4, "t", "abc")).substr(0, 5), "",
          "WARNING: read expected: 7,  read actually: -15\n"},
     };
     for (const auto &c : cases) {
@@ -155,14 +138,14 @@ TEST_F(LoggerEntryTest, EventsAreRenderedByTheBinaryEventPrinter) {
         SCOPED_TRACE(c.name);
         new_output();
         log_.clear();
-        EXPECT_EQ(format(event_node_, entry(c.payload)), 0);
+        EXPECT_EQ(format(event_node_, klog_entry(c.payload)), 0);
         EXPECT_EQ(output(), c.want);
         EXPECT_EQ(log_.has("Not a complete event log\n"), c.incomplete) << log_.dump();
     }
 
     // Rendered text is cut to what the printer's 1024-byte buffer holds.
     new_output();
-    EXPECT_EQ(format(event_node_, entry(le32(42) + long_string)), 0);
+    EXPECT_EQ(format(event_node_, klog_entry(le32(42) + long_string)), 0);
     std::string out = output();
     std::string head = kStamp + "answer( 1234): ";
     ASSERT_EQ(out.rfind(head, 0), 0u) << out.substr(0, 80);
