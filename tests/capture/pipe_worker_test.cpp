@@ -115,7 +115,9 @@ TEST(PipeWorker, NewFileRequestAndProviderChangeOpenNewFiles) {
     std::string b = counter("b");
     {
         vorn_node_guard g(node);
-        node->log_provider = strdup(b.c_str());  // the old text stays valid: never freed
+        static auto *kept = new std::vector<char *>;  // the worker may still read the old text
+        kept->push_back(node->log_provider);
+        node->log_provider = strdup(b.c_str());
         node->pending_change = 1;
     }
     ASSERT_TRUE(wait_for([&] { return file_at(dir, 2).find("b2\n") != std::string::npos; }, 6000));
