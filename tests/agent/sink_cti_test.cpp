@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "agent/dagt_cmds.h"
-#include "platform/properties.h"
 #include "tests/agent/agent_fixture.h"
 
 namespace {
@@ -18,6 +18,7 @@ const char *const kTpiu = CS "coresight-tpiu/curr_sink";
 const char *const kTpiuMode = CS "coresight-tpiu/out_mode";
 const char *const kTpiuSet = CS "coresight-tpiu/set";
 const char *const kStm = CS "coresight-stm/enable";
+const char *const kProp = "/system/build.prop";
 
 // Every sink file present and an STM that is on.
 void all_sinks(const TempRoot &root) {
@@ -31,7 +32,11 @@ TEST(SinkTest, SelectLeavesTheStmOff) {
         {
             {"sink set etb", {}, 0, nullptr, {{kEtf, "1\n"}, {kStm, "0\n"}}},
             {"sink set DDR", {}, 0, nullptr, {{kEtr, "1\n"}, {kEtrMode, ""}, {kStm, "0\n"}}},
-            {"sink set usb", {}, 0, nullptr, {{kEtr, "1\n"}, {kEtrMode, ""}, {kStm, "0\n"}}},
+            {"sink set usb",
+             {{kProp, ""}},
+             0,
+             nullptr,
+             {{kEtr, "1\n"}, {kStm, "0\n"}, {kProp, "sys.usb.config=diag,qdss,adb\n"}}},
             {"sink set sd", {}, 0, nullptr, {{kTpiu, "1\n"}, {kTpiuMode, ""}}},
             {"sink set tpiuB",
              {},
@@ -57,17 +62,6 @@ TEST(SinkTest, SelectLeavesTheStmOff) {
         all_sinks);
 }
 
-TEST(SinkTest, UsbSwitchesTheUsbFunctions) {
-    TempRoot root;
-    all_sinks(root);
-    root.write("/system/build.prop", "");
-    dagt_result r;
-    EXPECT_EQ(agent_run("sink set usb", &r), 0u);
-    char value[VORN_PROP_VALUE_MAX];
-    vorn_property_get("sys.usb.config", value, "");
-    EXPECT_STREQ(value, "diag,qdss,adb");
-}
-
 TEST(SinkTest, AttributesAndByteCount) {
     agent_run_cases(
         {
@@ -85,27 +79,25 @@ TEST(SinkTest, AttributesAndByteCount) {
 }
 
 TEST(SinkTest, Get) {
-    auto sinks = [](const char *etf, const char *etr, const char *etr_mode, const char *tpiu,
-                    const char *tpiu_mode, const char *set) {
-        return FileList{{kEtf, etf},
-                        {kEtr, etr},
-                        {kEtrMode, etr_mode},
-                        {kTpiu, tpiu},
-                        {kTpiuMode, tpiu_mode},
-                        {kTpiuSet, set}};
+    auto sinks = [](std::vector<const char *> content) {
+        const char *files[] = {kEtf, kEtr, kEtrMode, kTpiu, kTpiuMode, kTpiuSet};
+        FileList list;
+        for (size_t i = 0; i < content.size(); i++)
+            list.push_back({files[i], content[i]});
+        return list;
     };
     agent_run_cases({
-        {"sink get", sinks("1", "1", "mem", "1", "sdc", "a"), 0, nullptr, {}},
-        {"sink get", sinks("0", "1\n", "MEM\n", "0", "", ""), 0, "ddr", {}},
-        {"sink get", sinks("0", "1", "usb", "0", "", ""), 0, "usb", {}},
-        {"sink get", sinks("0", "1", "pcie", "0", "", ""), 12, nullptr, {}},
-        {"sink get", sinks("0", "0", "", "1", "sdc", ""), 0, "sd", {}},
-        {"sink get", sinks("0", "0", "", "1", "mictor", "a"), 0, "tpiuA", {}},
-        {"sink get", sinks("0", "0", "", "1", "mictor", "b"), 0, "tpiuB", {}},
-        {"sink get", sinks("0", "0", "", "1", "usb", ""), 12, nullptr, {}},
-        {"sink get", sinks("0", "0", "", "0", "", ""), 0, "none", {}},
+        {"sink get", sinks({"1", "1", "mem", "1", "sdc", "a"}), 0, nullptr, {}},
+        {"sink get", sinks({"0", "1\n", "MEM\n", "0", "", ""}), 0, "ddr", {}},
+        {"sink get", sinks({"0", "1", "usb", "0", "", ""}), 0, "usb", {}},
+        {"sink get", sinks({"0", "1", "pcie", "0", "", ""}), 12, nullptr, {}},
+        {"sink get", sinks({"0", "0", "", "1", "sdc", ""}), 0, "sd", {}},
+        {"sink get", sinks({"0", "0", "", "1", "mictor", "a"}), 0, "tpiuA", {}},
+        {"sink get", sinks({"0", "0", "", "1", "mictor", "b"}), 0, "tpiuB", {}},
+        {"sink get", sinks({"0", "0", "", "1", "usb", ""}), 12, nullptr, {}},
+        {"sink get", sinks({"0", "0", "", "0", "", ""}), 0, "none", {}},
         {"sink get", {{kEtf, "0"}}, 6, "Open device failed", {}},
-        {"sink get now", sinks("1", "", "", "", "", ""), 4, nullptr, {}},
+        {"sink get now", sinks({"1"}), 4, nullptr, {}},
     });
     // The ETF answer is cut to "et" but keeps the length of "etb".
     TempRoot root;
@@ -116,33 +108,44 @@ TEST(SinkTest, Get) {
     EXPECT_EQ(r.text_len, 3);
 }
 
-std::string cti(const char *device, const char *file) {
-    return std::string(CS) + device + "/" + file;
+// Each map or unmap writes "<trigger> <channel>" into the block's file.
+TEST(CtiTest, MapAndUnmap) {
+    const struct {
+        const char *line;
+        const char *file;
+        const char *written;
+    } cases[] = {
+        {"cti map block cti3 type input trigger 0x2 channel 1", "cti3/map_trigin", "2 1\n"},
+        {"cti unmap block cpu1 type output trigger 4 channel 0", "cti-cpu1/unmap_trigout", "4 0\n"},
+        {"CTI MAP BLOCK VEDIO1 TYPE OUTPUT TRIGGER 10 CHANNEL 0XF", "vedio-cpu0/map_trigout",
+         "10 15\n"},
+        {"cti unmap block cpuL2 type input trigger 1 channel 1", "l2/unmap_trigin", "1 1\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.line);
+        TempRoot root;
+        LogCapture log;
+        std::string file = std::string(CS "coresight-") + c.file;
+        root.write(file, "");
+        dagt_result r = {};
+        EXPECT_EQ(agent_run(c.line, &r), 0u);
+        EXPECT_EQ(root.read(file), c.written);
+        if (c.file == cases[0].file) {
+            EXPECT_TRUE(
+                log.has("__dagt_cti_do_mapunmap: cmd = echo 2  1 > " + root.at(file) + "\n"));
+        }
+    }
+    dagt_result r = {};
+    EXPECT_EQ(__dagt_cti_do_mapunmap(&r, "cti0", 2, 0, 1, 1), -1);
+    EXPECT_EQ(__dagt_cti_do_mapunmap(&r, "cti0", 0, 2, 1, 1), -1);
+    EXPECT_EQ(r.code, 0);
 }
 
-TEST(CtiTest, MapUnmapAndGet) {
+TEST(CtiTest, BadMapsAndGet) {
     const std::string long_name(100, 'c');
+    const char *const show0 = CS "coresight-cti0/show_trigout";
+    const char *const show15 = CS "coresight-cti15/show_trigin";
     agent_run_cases({
-        {"cti map block cti3 type input trigger 0x2 channel 1",
-         {{cti("coresight-cti3", "map_trigin"), ""}},
-         0,
-         nullptr,
-         {{cti("coresight-cti3", "map_trigin"), "2 1\n"}}},
-        {"cti unmap block cpu1 type output trigger 4 channel 0",
-         {{cti("coresight-cti-cpu1", "unmap_trigout"), ""}},
-         0,
-         nullptr,
-         {{cti("coresight-cti-cpu1", "unmap_trigout"), "4 0\n"}}},
-        {"CTI MAP BLOCK VEDIO1 TYPE OUTPUT TRIGGER 10 CHANNEL 0XF",
-         {{cti("coresight-vedio-cpu0", "map_trigout"), ""}},
-         0,
-         nullptr,
-         {{cti("coresight-vedio-cpu0", "map_trigout"), "10 15\n"}}},
-        {"cti unmap block cpuL2 type input trigger 1 channel 1",
-         {{cti("coresight-l2", "unmap_trigin"), ""}},
-         0,
-         nullptr,
-         {{cti("coresight-l2", "unmap_trigin"), "1 1\n"}}},
         {"cti map block cti3 type input trigger 1 channel 1", {}, 8, nullptr, {}},
         {"cti map block sensor type input trigger 1 channel 1", {}, 16, "Unknown cti name", {}},
         {"cti map block vedio2 type input trigger 1 channel 1", {}, 16, nullptr, {}},
@@ -155,16 +158,8 @@ TEST(CtiTest, MapUnmapAndGet) {
         {"cti map block cti0 type input trigger 1 channel", {}, 2, nullptr, {}},
         {"cti map block cti0 type input trigger 1 channel 1 2", {}, 2, nullptr, {}},
         {"cti map blok cti0 type input trigger 1 channel 1", {}, 2, nullptr, {}},
-        {"cti get block cti0 type output",
-         {{cti("coresight-cti0", "show_trigout"), "1 2\n3\n"}},
-         0,
-         "1 2\n3\n",
-         {}},
-        {"cti get block cti15 type input",
-         {{cti("coresight-cti15", "show_trigin"), ""}},
-         0,
-         "",
-         {}},
+        {"cti get block cti0 type output", {{show0, "1 2\n3\n"}}, 0, "1 2\n3\n", {}},
+        {"cti get block cti15 type input", {{show15, ""}}, 0, "", {}},
         {"cti get block cti0 type output", {}, 6, nullptr, {}},
         {"cti get block cti16 type output", {}, 16, nullptr, {}},
         {"cti get block cti0 type both", {}, 17, nullptr, {}},
@@ -174,16 +169,15 @@ TEST(CtiTest, MapUnmapAndGet) {
     });
     // The shown text is read up to 128 bytes.
     TempRoot root;
-    root.write(cti("coresight-cti0", "show_trigin"), std::string(4096, 'x'));
+    root.write(CS "coresight-cti0/show_trigin", std::string(4096, 'x'));
     dagt_result r;
     EXPECT_EQ(agent_run("cti get block cti0 type input", &r), 0u);
     EXPECT_EQ(std::string(r.text), std::string(128, 'x'));
 }
 
 TEST(CtiTest, Reset) {
-    const std::string cti0 = cti("coresight-cti0", "reset");
-    const std::string cpu1 = cti("coresight-cti-cpu1", "reset");
-    const std::string etm = cti("coresight-etm0", "reset");
+    const std::string cti0 = CS "coresight-cti0/reset", cpu1 = CS "coresight-cti-cpu1/reset",
+                      etm = CS "coresight-etm0/reset";
     auto blocks = [&](const TempRoot &root) {
         for (const std::string &f : {cti0, cpu1, etm})
             root.write(f, "0");
@@ -196,19 +190,6 @@ TEST(CtiTest, Reset) {
          {"cti reset block", {}, 2, nullptr, {}}},
         blocks);
     agent_run_cases({{"cti reset block all", {}, 16, nullptr, {}}});  // no device directory
-}
-
-TEST(CtiTest, CommandLineAndRangeChecks) {
-    TempRoot root;
-    LogCapture log;
-    root.write(cti("coresight-cti3", "map_trigin"), "");
-    dagt_result r = {};
-    EXPECT_EQ(agent_run("cti map block cti3 type input trigger 0x2 channel 1", &r), 0u);
-    EXPECT_TRUE(log.has("__dagt_cti_do_mapunmap: cmd = echo 2  1 > " +
-                        root.at(cti("coresight-cti3", "map_trigin")) + "\n"));
-    EXPECT_EQ(__dagt_cti_do_mapunmap(&r, "cti0", 2, 0, 1, 1), -1);
-    EXPECT_EQ(__dagt_cti_do_mapunmap(&r, "cti0", 0, 2, 1, 1), -1);
-    EXPECT_EQ(r.code, 0);
 }
 
 }  // namespace

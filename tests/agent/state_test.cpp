@@ -12,14 +12,6 @@
 
 namespace {
 
-dagt_result marked_result() {
-    dagt_result r = {};
-    r.code = 7;
-    r.text_len = 3;
-    strcpy(r.text, "old");
-    return r;
-}
-
 TEST(StateTest, CheckNumber) {
     const struct {
         const char *text;
