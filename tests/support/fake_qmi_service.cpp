@@ -11,20 +11,11 @@
 
 std::vector<uint8_t> qmi_answer_bytes(uint16_t txn, uint16_t msg_id, uint16_t result,
                                       uint16_t error) {
-    return {2,
-            static_cast<uint8_t>(txn),
-            static_cast<uint8_t>(txn >> 8),
-            static_cast<uint8_t>(msg_id),
-            static_cast<uint8_t>(msg_id >> 8),
-            7,
-            0,
-            0x02,
-            4,
-            0,
-            static_cast<uint8_t>(result),
-            static_cast<uint8_t>(result >> 8),
-            static_cast<uint8_t>(error),
-            static_cast<uint8_t>(error >> 8)};
+    auto lo = [](uint16_t v) { return static_cast<uint8_t>(v); };
+    auto hi = [](uint16_t v) { return static_cast<uint8_t>(v >> 8); };
+    // Header (type 2: response), then the result TLV 0x02 of 4 bytes.
+    return {2,    lo(txn), hi(txn), lo(msg_id), hi(msg_id), 7,         0,
+            0x02, 4,       0,       lo(result), hi(result), lo(error), hi(error)};
 }
 
 FakeQmiService::FakeQmiService(const TempRoot &root, uint32_t instance) {
@@ -39,13 +30,13 @@ FakeQmiService::FakeQmiService(const TempRoot &root, uint32_t instance) {
     listen(listen_fd_, 4);
     if (pipe(stop_pipe_) != 0)
         stop_pipe_[0] = stop_pipe_[1] = -1;
-    pthread_create(&thread_, nullptr, run, this);
+    thread_ = std::thread([this] { serve(); });
 }
 
 FakeQmiService::~FakeQmiService() {
     if (write(stop_pipe_[1], "x", 1) != 1) {
     }
-    pthread_join(thread_, nullptr);
+    thread_.join();
     close(listen_fd_);
     close(stop_pipe_[0]);
     close(stop_pipe_[1]);
@@ -55,11 +46,6 @@ FakeQmiService::~FakeQmiService() {
 std::vector<std::vector<uint8_t>> FakeQmiService::requests() const {
     std::lock_guard<std::mutex> g(mutex_);
     return requests_;
-}
-
-void *FakeQmiService::run(void *self) {
-    static_cast<FakeQmiService *>(self)->serve();
-    return nullptr;
 }
 
 void FakeQmiService::serve() {
@@ -84,21 +70,16 @@ void FakeQmiService::serve() {
                 continue;
             uint8_t buf[512];
             ssize_t n = recv(fds[i].fd, buf, sizeof buf, 0);
-            if (n <= 0) {
-                close(fds[i].fd);
-                std::erase(conns, fds[i].fd);
-                continue;
-            }
-            {
+            if (n > 0) {
                 std::lock_guard<std::mutex> g(mutex_);
                 requests_.emplace_back(buf, buf + n);
             }
-            if (reply_ == Reply::kHangUp) {
+            if (n > 0 && reply_ != Reply::kHangUp) {
+                answer(fds[i].fd, buf, static_cast<size_t>(n));
+            } else {
                 close(fds[i].fd);
                 std::erase(conns, fds[i].fd);
-                continue;
             }
-            answer(fds[i].fd, buf, static_cast<size_t>(n));
         }
     }
     for (int fd : conns)
@@ -110,33 +91,21 @@ void FakeQmiService::answer(int fd, const uint8_t *req, size_t len) {
         return;
     uint16_t txn = static_cast<uint16_t>(req[1] | (req[2] << 8));
     uint16_t id = static_cast<uint16_t>(req[3] | (req[4] << 8));
+    Reply reply = reply_;
     std::vector<uint8_t> out;
-    switch (reply_.load()) {
-        case Reply::kSuccess:
-            out = qmi_answer_bytes(txn, id, 0, 0);
-            break;
-        case Reply::kFailure:
-            out = qmi_answer_bytes(txn, id, 1, error_);
-            break;
-        case Reply::kGarbage:
-            out.assign({'g', 'a', 'r', 'b', 'a', 'g', 'e', '!', '!', '!'});
-            break;
-        case Reply::kShort:
-            out.assign({2, req[1], req[2]});
-            break;
-        case Reply::kStaleThenAnswer:
-        case Reply::kStaleOnly: {
-            std::vector<uint8_t> stale =
-                qmi_answer_bytes(static_cast<uint16_t>(txn + 100), id, 1, 7);
-            send(fd, stale.data(), stale.size(), MSG_NOSIGNAL);
-            if (reply_ == Reply::kStaleThenAnswer)
-                out = qmi_answer_bytes(txn, id, 0, 0);
-            break;
-        }
-        case Reply::kSilent:
-        case Reply::kHangUp:
-            break;
+    if (reply == Reply::kStaleThenAnswer || reply == Reply::kStaleOnly) {
+        out = qmi_answer_bytes(static_cast<uint16_t>(txn + 100), id, 1, 7);
+        send(fd, out.data(), out.size(), MSG_NOSIGNAL);
+        out.clear();
     }
+    if (reply == Reply::kSuccess || reply == Reply::kStaleThenAnswer)
+        out = qmi_answer_bytes(txn, id, 0, 0);
+    else if (reply == Reply::kFailure)
+        out = qmi_answer_bytes(txn, id, 1, error_);
+    else if (reply == Reply::kGarbage)
+        out = {'g', 'a', 'r', 'b', 'a', 'g', 'e', '!', '!', '!'};
+    else if (reply == Reply::kShort)
+        out = {2, req[1], req[2]};
     if (!out.empty())
         send(fd, out.data(), out.size(), MSG_NOSIGNAL);
 }

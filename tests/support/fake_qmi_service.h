@@ -2,12 +2,11 @@
 // (SOCK_SEQPACKET), records every request and answers as told.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 class TempRoot;
@@ -21,14 +20,11 @@ class FakeQmiService {
         kShort,            // three bytes
         kStaleThenAnswer,  // an answer with another transaction id, then the real one
         kStaleOnly,        // an answer with another transaction id, then nothing
-        kSilent,           // no answer
         kHangUp,           // closes the connection
     };
 
     FakeQmiService(const TempRoot &root, uint32_t instance);
     ~FakeQmiService();
-    FakeQmiService(const FakeQmiService &) = delete;
-    FakeQmiService &operator=(const FakeQmiService &) = delete;
 
     void set_reply(Reply reply, uint16_t error = 0) {
         reply_ = reply;
@@ -38,14 +34,13 @@ class FakeQmiService {
     int connections() const { return connections_; }
 
   private:
-    static void *run(void *self);
     void serve();
     void answer(int fd, const uint8_t *req, size_t len);
 
     std::string path_;
     int listen_fd_ = -1;
     int stop_pipe_[2] = {-1, -1};
-    pthread_t thread_{};
+    std::thread thread_;
     std::atomic<Reply> reply_{Reply::kSuccess};
     std::atomic<uint16_t> error_{0};
     std::atomic<int> connections_{0};
