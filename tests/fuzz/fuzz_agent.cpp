@@ -1,8 +1,6 @@
 // Fuzzes the Debug Agent: each input is one command line, run against a
 // temporary device root that holds the CoreSight, CPU and tracing files of
 // every command family.
-#include <android/log.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -13,50 +11,40 @@
 
 #include "agent/dagt.h"
 #include "platform/root.h"
+#include "tests/fuzz/fuzz_util.h"
 
-namespace {
+static std::string g_root;
 
-std::string g_root;
-
-void put(const std::string &device_path, const char *content) {
+static void put(const std::string &device_path, const std::string &content = "0") {
     std::filesystem::path p = g_root + device_path;
     std::filesystem::create_directories(p.parent_path());
     std::ofstream(p) << content;
 }
 
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
-void remove_root() {
-    std::error_code ec;
-    std::filesystem::remove_all(g_root, ec);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    char tmpl[] = "/tmp/vorn-fuzz-agent-XXXXXX";
-    g_root = mkdtemp(tmpl);
+    g_root = fuzz_temp_dir("agent");
     vorn_set_root(g_root.c_str());
-    atexit(remove_root);
-    __android_log_set_logger(silent_logger);
+    atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(g_root, ec);
+    });
+    fuzz_quiet();
 
-    const std::string cs = "/sys/bus/coresight/devices/";
+    const std::string cs = "/sys/bus/coresight/devices/coresight-";
     for (const char *dev :
-         {"coresight-stm/enable", "coresight-stm/hwevent_enable", "coresight-hwevent/enable",
-          "coresight-hwevent/setreg", "coresight-tmc-etf/curr_sink", "coresight-tmc-etr/curr_sink",
-          "coresight-tmc-etr/out_mode", "coresight-tmc-etr/byte_cntr_value",
-          "coresight-tpiu/curr_sink", "coresight-tpiu/out_mode", "coresight-tpiu/set",
-          "coresight-modem-etm0/enable", "coresight-cti0/reset", "coresight-cti0/map_trigin",
-          "coresight-cti0/show_trigout", "coresight-cti-cpu1/reset"})
-        put(cs + dev, "0");
-    for (int cpu = 0; cpu < 4; cpu++) {
-        put(cs + "coresight-etm" + std::to_string(cpu) + "/enable", "0");
-        put(cs + "coresight-etm" + std::to_string(cpu) + "/cpu", std::to_string(cpu).c_str());
-        put("/sys/devices/system/cpu/cpu" + std::to_string(cpu) + "/online", "1");
+         {"stm/enable", "stm/hwevent_enable", "hwevent/enable", "hwevent/setreg",
+          "tmc-etf/curr_sink", "tmc-etr/curr_sink", "tmc-etr/out_mode", "tmc-etr/byte_cntr_value",
+          "tpiu/curr_sink", "tpiu/out_mode", "tpiu/set", "modem-etm0/enable", "cti0/reset",
+          "cti0/map_trigin", "cti0/show_trigout", "cti-cpu1/reset"})
+        put(cs + dev);
+    for (std::string cpu : {"0", "1", "2", "3"}) {
+        put(cs + "etm" + cpu + "/enable");
+        put(cs + "etm" + cpu + "/cpu", cpu);
+        put("/sys/devices/system/cpu/cpu" + cpu + "/online", "1");
     }
     put("/sys/devices/system/cpu/present", "0-3\n");
-    put("/sys/kernel/debug/tracing/tracing_on", "0");
-    put("/sys/kernel/debug/tracing/events/sched/enable", "0");
+    put("/sys/kernel/debug/tracing/tracing_on");
+    put("/sys/kernel/debug/tracing/events/sched/enable");
     put("/system/build.prop", "ro.board.platform=msm8916\nro.product.board=fuzz\n");
     // Plain files where the QMI sockets would be: every connection fails at
     // once instead of waiting for a QRTR service.
@@ -82,11 +70,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // Comments, long and empty lines leave the record untouched.
     if (code == 1 || code == 100 || code == 102)
         return 0;
-    if (code != 104 && code != static_cast<uint32_t>(result.code))
-        abort();
-    if (strnlen(result.text, sizeof result.text) == sizeof result.text)
-        abort();
-    if (strnlen(dagt_summary, DAGT_SUMMARY_LEN) == DAGT_SUMMARY_LEN)
+    if ((code != 104 && code != static_cast<uint32_t>(result.code)) ||
+        strnlen(result.text, sizeof result.text) == sizeof result.text ||
+        strnlen(dagt_summary, DAGT_SUMMARY_LEN) == DAGT_SUMMARY_LEN)
         abort();
     return 0;
 }

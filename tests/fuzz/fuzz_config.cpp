@@ -1,7 +1,6 @@
 // Fuzzes the configuration reader: the input is the system configuration file
 // of an empty device root; the working copy is chosen, reverted and loaded
 // into the node table exactly as at start-up (without starting workers).
-#include <android/log.h>
 #include <libxml/tree.h>
 
 #include <cstdint>
@@ -16,38 +15,22 @@
 #include "core/gbl_config.h"
 #include "core/node.h"
 #include "platform/root.h"
+#include "tests/fuzz/fuzz_util.h"
 
-namespace {
-
-std::string g_root;
-
-void reset() {
-    vornd_free_nodes();
-    if (vorn_conf_doc)
-        xmlFreeDoc(vorn_conf_doc);
-    vorn_conf_doc = nullptr;
-    vorn_conf_root = nullptr;
-}
-
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
-}  // namespace
+static std::string g_root;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    char tmpl[] = "/tmp/vorn-fuzz-config-XXXXXX";
-    g_root = mkdtemp(tmpl);
+    g_root = fuzz_temp_dir("config");
     std::filesystem::create_directories(g_root + "/etc");
     std::filesystem::create_directories(g_root + "/data");
     vorn_set_root(g_root.c_str());
-    __android_log_set_logger(silent_logger);
+    fuzz_quiet();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    {
-        std::ofstream out(g_root + "/etc/vorn-conf.xml", std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size));
-    }
+    std::ofstream(g_root + "/etc/vorn-conf.xml", std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size));
     std::filesystem::remove(g_root + "/data/vorn-conf.xml");
     int n = vorn_config_choose();
     if (n > 0) {
@@ -55,12 +38,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (strnlen(gbl_config.log_path, sizeof gbl_config.log_path) >= sizeof gbl_config.log_path)
             abort();
         for (int i = 1; i < vorn_node_count; i++) {
-            if (vorn_nodes[i].ops == nullptr)
-                abort();
-            if (strnlen(vorn_nodes[i].logname, 16) == 16 || strnlen(vorn_nodes[i].mask, 100) == 100)
+            if (vorn_nodes[i].ops == nullptr || strnlen(vorn_nodes[i].logname, 16) == 16 ||
+                strnlen(vorn_nodes[i].mask, 100) == 100)
                 abort();
         }
     }
-    reset();
+    vornd_free_nodes();
+    if (vorn_conf_doc)
+        xmlFreeDoc(vorn_conf_doc);
+    vorn_conf_doc = nullptr;
+    vorn_conf_root = nullptr;
     return 0;
 }

@@ -5,9 +5,9 @@
 //   bytes 5-20  bases of DDRCS0.BIN and DDRCS1.BIN
 //   then        with bit 2, a 16-bit length and that much load.cmm text;
 //               the rest is the content of the images (split in half for two)
-#include <android/log.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -17,15 +17,13 @@
 #include <string>
 
 #include "dumpparser/dumpparser.h"
-#include "platform/root.h"
+#include "tests/fuzz/fuzz_util.h"
 
 namespace {
 
 std::string g_dir;
 
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
-void write(const std::string &name, const uint8_t *data, size_t size) {
+void write(const std::string &name, const void *data, size_t size) {
     FILE *f = fopen((g_dir + "/" + name).c_str(), "w");
     if (f == nullptr)
         abort();
@@ -43,9 +41,8 @@ uint64_t le(const uint8_t *p, int n) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    char tmpl[] = "/tmp/vorn-fuzz-dumpdir-XXXXXX";
-    g_dir = mkdtemp(tmpl);
-    __android_log_set_logger(silent_logger);
+    g_dir = fuzz_temp_dir("dumpdir");
+    fuzz_quiet();
     // A corrupt length can make the walk repeat records for gigabytes of
     // output; the parser fails with a short write once the limit is hit.
     struct rlimit lim = {16 << 20, 16 << 20};
@@ -59,38 +56,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // Set here: libFuzzer installs its own handler after the initialisation.
     signal(SIGXFSZ, SIG_IGN);
     std::filesystem::create_directories(g_dir);
-    uint8_t flags = data[0];
-    int version = flags & 1 ? 304 : 310;
-    int images = flags & 2 ? 2 : 1;
+    int version = data[0] & 1 ? 304 : 310;
+    int images = data[0] & 2 ? 2 : 1;
 
     uint8_t ocimem[20504] = {};
-    for (int i = 0; i < 4; i++)
-        ocimem[(version == 304 ? 20500 : 16) + i] = data[1 + i];
+    memcpy(ocimem + (version == 304 ? 20500 : 16), data + 1, 4);
     write("OCIMEM.BIN", ocimem, sizeof(ocimem));
 
     const uint8_t *p = data + 21;
     size_t left = size - 21;
-    if (flags & 4) {
+    std::string cmm;
+    if (data[0] & 4) {
         size_t n = 0;
         if (left >= 2) {
-            n = le(p, 2);
+            n = std::min<size_t>(le(p, 2), left - 2);
             p += 2;
             left -= 2;
         }
-        n = n < left ? n : left;
-        write("load.cmm", p, n);
+        cmm.assign(reinterpret_cast<const char *>(p), n);
         p += n;
         left -= n;
     } else {
-        std::string cmm;
         char line[96];
         for (int i = 0; i < images; i++) {
             snprintf(line, sizeof(line), "d.load.binary DDRCS%d.BIN 0x%llx /noclear\n", i,
                      static_cast<unsigned long long>(le(data + 5 + 8 * i, 8)));
             cmm += line;
         }
-        write("load.cmm", reinterpret_cast<const uint8_t *>(cmm.data()), cmm.size());
     }
+    write("load.cmm", cmm.data(), cmm.size());
     size_t first = images == 2 ? left / 2 : left;
     write("DDRCS0.BIN", p, first);
     if (images == 2)
@@ -98,9 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     char reason[DUMPPARSER_REASON_LEN] = "UNKNOWN";
     int status = dumpparser_extract(g_dir.c_str(), version, reason);
-    if (status != 0 && status != -1)
-        abort();
-    if (strnlen(reason, sizeof(reason)) == sizeof(reason))
+    if ((status != 0 && status != -1) || strnlen(reason, sizeof(reason)) == sizeof(reason))
         abort();
     // libFuzzer leaves without exit handlers: never keep a dump behind.
     std::filesystem::remove_all(g_dir);

@@ -1,6 +1,5 @@
 // Fuzzes the logdr record decoder and what the logd worker does with a record
 // it accepts: liblog's text or binary conversion and the "time" line format.
-#include <android/log.h>
 #include <log/event_tag_map.h>
 #include <log/logprint.h>
 
@@ -11,18 +10,13 @@
 #include <vector>
 
 #include "platform/logd_reader.h"
+#include "tests/fuzz/fuzz_util.h"
 
-namespace {
-
-AndroidLogFormat *g_format = nullptr;
-std::unique_ptr<log_msg> g_msg;
-
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
-}  // namespace
+static AndroidLogFormat *g_format = nullptr;
+static std::unique_ptr<log_msg> g_msg;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    __android_log_set_logger(silent_logger);
+    fuzz_quiet();
     g_format = android_log_format_new();
     android_log_setPrintFormat(g_format, FORMAT_TIME);
     g_msg = std::make_unique<log_msg>();

@@ -1,7 +1,5 @@
 // Fuzzes the kernel-logger entry formatter: the first byte picks a text or an
 // events node, the rest is the entry exactly as a read returned it.
-#include <android/log.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +12,7 @@
 #include "capture/logger_entry.h"
 #include "core/gbl_config.h"
 #include "platform/root.h"
+#include "tests/fuzz/fuzz_util.h"
 
 namespace {
 
@@ -21,18 +20,15 @@ vorn_node g_text{};
 vorn_node g_events{};
 vorn_log_file g_file{};
 
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    char tmpl[] = "/tmp/vorn-fuzz-entry-XXXXXX";
-    std::string root = mkdtemp(tmpl);
+    std::string root = fuzz_temp_dir("entry");
     std::filesystem::create_directories(root + "/system/etc");
     std::ofstream(root + "/system/etc/event-log-tags") << "42 answer (value|1)\n"
                                                        << "2718 boot (time|2|3),(n|1|5)\n";
     vorn_set_root(root.c_str());
-    __android_log_set_logger(silent_logger);
+    fuzz_quiet();
     gbl_config.size = 0;  // no budget: writes never roll over
     snprintf(g_text.logname, sizeof g_text.logname, "AdbMain");
     snprintf(g_events.logname, sizeof g_events.logname, "AdbEvents");

@@ -1,22 +1,15 @@
 // Fuzzes the checks and decoding of QMI answers: each input is one message as
 // a service would send it, decoded as the answer to set entity state.
-#include <android/log.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 #include "platform/qmi_transport.h"
 #include "qdss/qdss_qmi_service.h"
-
-namespace {
-
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
-}  // namespace
+#include "tests/fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    __android_log_set_logger(silent_logger);
+    fuzz_quiet();
     return 0;
 }
 

@@ -8,9 +8,6 @@
 // Agent lines (type 7) and archives (type 8) leave the handler for the Debug
 // Agent and the archive thread, which run shell commands and have targets of
 // their own; they are skipped here.
-#include <android/log.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +22,7 @@
 #include "core/daemon/startup.h"
 #include "core/node_ops.h"
 #include "platform/root.h"
+#include "tests/fuzz/fuzz_util.h"
 
 namespace {
 
@@ -51,19 +49,8 @@ const vorn_node_ops kFailingRow = {"Fuzz", nullptr, failing_op, failing_op, null
 
 std::string g_root;
 
-void silent_logger(const struct __android_logger_data *, const char *) {}
-
 void reset_state() {
-    if (vorn_nodes != nullptr) {
-        for (int i = 0; i <= vorn_node_count; i++) {
-            free(vorn_nodes[i].log_provider);
-            free(vorn_nodes[i].log_filepath);
-            free(vorn_nodes[i].mask_link);
-        }
-        free(vorn_nodes);
-    }
-    vorn_nodes = nullptr;
-    vorn_node_count = 0;
+    vornd_free_nodes();
     if (vorn_conf_doc)
         xmlFreeDoc(vorn_conf_doc);
     vorn_conf_doc = nullptr;
@@ -87,14 +74,13 @@ bool terminated(const char *field, size_t n) {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     // Saves sync the file; keep them in memory when we can.
-    std::string base = std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
-    std::string tmpl = base + "/vorn-fuzz-request-XXXXXX";
-    g_root = mkdtemp(tmpl.data());
+    g_root =
+        fuzz_temp_dir("request", std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp");
     std::filesystem::create_directories(g_root + "/etc");
     std::filesystem::create_directories(g_root + "/data");
     std::ofstream(g_root + "/etc/vorn-conf.xml") << kConf;
     vorn_set_root(g_root.c_str());
-    __android_log_set_logger(silent_logger);
+    fuzz_quiet();
     cmd_list_init();
     return 0;
 }
@@ -112,13 +98,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     vorn_reply_kind reply = vornd_handle_request(&msg, static_cast<int>(len));
 
     if (reply == VORN_REPLY_ACK) {
-        const auto *b = reinterpret_cast<const uint8_t *>(&msg);
-        if (b[0] != VORN_MSG_REPLY)
+        vorn_ctrl_msg ack = {};
+        ack.msg_type = VORN_MSG_REPLY;
+        if (memcmp(&msg, &ack, sizeof msg) != 0)
             abort();
-        for (size_t i = 1; i < sizeof msg; i++) {
-            if (b[i] != 0)
-                abort();
-        }
     } else if (reply == VORN_REPLY_MSG) {
         // A node reply keeps its type; the global settings carry 0x80.
         if (msg.msg_type != (type == VORN_MSG_QUERY_NODE ? 0x81 : VORN_MSG_REPLY))
@@ -141,9 +124,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (type == VORN_MSG_SET_NODE || type == VORN_MSG_SET_LOG_PATH) {
         xmlDocPtr doc;
         xmlNodePtr root;
-        if (read_xml_file(VORN_WORK_CONF, &doc, &root) != 0)
-            abort();
-        if (xmlChildElementCount(root) != kElements)
+        if (read_xml_file(VORN_WORK_CONF, &doc, &root) != 0 ||
+            xmlChildElementCount(root) != kElements)
             abort();
         xmlFreeDoc(doc);
     }
