@@ -21,23 +21,25 @@ inline void put_le(std::string &b, uint64_t v, int bytes) {
         b.push_back(static_cast<char>(v >> (8 * i)));
 }
 
-inline void pwrite_file(const std::string &path, uint64_t off, const std::string &bytes) {
-    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0 || pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(off)) !=
-                      static_cast<ssize_t>(bytes.size())) {
+inline void check(bool ok, const std::string &path) {
+    if (!ok) {
         perror(path.c_str());
         abort();
     }
+}
+
+inline void pwrite_file(const std::string &path, uint64_t off, const std::string &bytes) {
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    check(fd >= 0 && pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(off)) ==
+                         static_cast<ssize_t>(bytes.size()),
+          path);
     close(fd);
 }
 
 // A file of size bytes that takes no disk space until written.
 inline void sparse_file(const std::string &path, uint64_t size) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) < 0) {
-        perror(path.c_str());
-        abort();
-    }
+    check(fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) == 0, path);
     close(fd);
 }
 
@@ -153,7 +155,6 @@ class DumpDir {
         std::filesystem::create_directories(dir_);
     }
 
-    const std::string &dir() const { return dir_; }
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
 
     // DDRCS<n>.BIN, n counting from 0, and its load.cmm line.
@@ -191,13 +192,11 @@ class DumpDir {
 
     // Replaces the generated load.cmm lines.
     void set_load_cmm(std::string text) { cmm_ = std::move(text); }
-    const std::string &load_cmm() const { return cmm_; }
 
     // Writes load.cmm; call last.
     void finish() const {
-        FILE *f = fopen(path("load.cmm").c_str(), "w");
-        fwrite(cmm_.data(), 1, cmm_.size(), f);
-        fclose(f);
+        sparse_file(path("load.cmm"), 0);
+        pwrite_file(path("load.cmm"), 0, cmm_);
     }
 
   private:
