@@ -1,6 +1,5 @@
 // Archive requests run directly on mini_zip; every archive written is read
 // back with Info-ZIP's unzip and Python's zipfile.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -11,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
@@ -104,24 +104,19 @@ class ArchiveTest : public ::testing::Test {
 
     Files make_source(const Files &files, const std::string &dir = kSrc) const {
         root.mkdir(dir);
-        for (const auto &[name, content] : files) {
-            FILE *f = fopen(root.at(dir + "/" + name).c_str(), "we");
-            fwrite(content.data(), 1, content.size(), f);
-            fclose(f);
-        }
+        for (const auto &[name, content] : files)
+            root.write(dir + "/" + name, content);
         return files;
     }
 
     // Names of dir's visible entries in the order a walk meets them.
     Names walk_order(const std::string &dir) const {
         Names names;
-        DIR *d = opendir(root.at(dir).c_str());
-        while (struct dirent *e = d ? readdir(d) : nullptr) {
-            if (e->d_name[0] != '.')
-                names.push_back(e->d_name);
+        std::error_code ec;
+        for (const auto &e : std::filesystem::directory_iterator(root.at(dir), ec)) {
+            if (e.path().filename().string()[0] != '.')
+                names.push_back(e.path().filename());
         }
-        if (d)
-            closedir(d);
         return names;
     }
 
