@@ -1,5 +1,5 @@
 // Archive requests run directly on mini_zip; every archive written is read
-// back with Info-ZIP's unzip and Python's zipfile.
+// back with Python's zipfile.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -8,7 +8,6 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -41,12 +40,9 @@ std::string random_bytes(size_t n, unsigned seed) {
     return s;
 }
 
-// The archive passes unzip -t and holds exactly these entries for Python's
-// zipfile (which checks every CRC), deflated, without date or attributes.
+// The archive holds exactly these entries for Python's zipfile (which checks
+// every CRC), deflated, without date or attributes.
 void expect_zip(const std::string &host, const Files &want) {
-    ProcessResult t = run_process({"/usr/bin/unzip", "-tq", host}, 60000);
-    bool empty = t.exit_status == 1 && t.out.find("zipfile is empty") != std::string::npos;
-    EXPECT_TRUE(t.exit_status == 0 || empty) << host << "\n" << t.out << t.err;
     const char *script =
         "import sys, zipfile\n"
         "z = zipfile.ZipFile(sys.argv[1])\n"
@@ -261,32 +257,24 @@ TEST_F(ArchiveTest, FailuresAreReportedAndTheSourceKept) {
     }
 }
 
-TEST_F(ArchiveTest, TwoRequestsAtOnce) {
-    Files a = make_source({{"description_A", "a"}, {"a.bin", random_bytes(3 << 20, 2)}}, "/d/a");
+// Two requests at once, one of them of 10,000 small files.
+TEST_F(ArchiveTest, TwoRequestsAtOnceOneOfTenThousandFiles) {
+    Files many{{"description_many", "many"}}, want{{"description_many", "many"}};
+    for (int i = 0; i < 10000; i++) {
+        std::string name = "f" + std::to_string(i) + ".log";
+        many[name] = want["Crash/" + name] = "<6>[" + std::to_string(i) + ".000000] " + name + "\n";
+    }
+    make_source(many, "/d/a");
     Files b = make_source({{"description_B", "b"}, {"b.bin", random_bytes(3 << 20, 3)}}, "/d/b");
     std::thread ta([] { request("/d/a"); });
     request("/d/b");
     ta.join();
     EXPECT_EQ(results(), (std::vector<int>{0, 0}));
     EXPECT_EQ(walk_order(kUpload).size(), 2u);
-    expect_zip(root.at(kUpload + "/log_A.zip"),
-               {{"description_A", "a"}, {"Crash/a.bin", a["a.bin"]}});
+    expect_zip(root.at(kUpload + "/log_many.zip"), want);
     expect_zip(root.at(kUpload + "/log_B.zip"),
                {{"description_B", "b"}, {"Crash/b.bin", b["b.bin"]}});
     EXPECT_FALSE(root.exists("/d/a") || root.exists("/d/b"));
-}
-
-TEST_F(ArchiveTest, TenThousandSmallFiles) {
-    Files src{{"description_many", "many"}}, want{{"description_many", "many"}};
-    for (int i = 0; i < 10000; i++) {
-        std::string name = "f" + std::to_string(i) + ".log";
-        src[name] = want["Crash/" + name] = "<6>[" + std::to_string(i) + ".000000] " + name + "\n";
-    }
-    make_source(src);
-    request(kSrc);
-    EXPECT_EQ(results(), std::vector<int>{0});
-    expect_zip(root.at(kUpload + "/log_many.zip"), want);
-    EXPECT_FALSE(root.exists(kSrc));
 }
 
 // The other files vanish while the first one is being compressed: the walk

@@ -16,14 +16,18 @@
 
 namespace dumpgen {
 
-inline void put_le(std::string &b, uint64_t v, int bytes) {
+// v in bytes little-endian bytes.
+inline std::string le(uint64_t v, int bytes) {
+    std::string b;
     for (int i = 0; i < bytes; i++)
         b.push_back(static_cast<char>(v >> (8 * i)));
+    return b;
 }
 
-inline void check(bool ok, const std::string &path) {
+// Generating a dump never fails quietly: aborts with what and errno's text.
+inline void check(bool ok, const std::string &what) {
     if (!ok) {
-        perror(path.c_str());
+        perror(what.c_str());
         abort();
     }
 }
@@ -58,12 +62,8 @@ struct Layout {
 inline std::string record(uint64_t ts, const std::string &text, uint16_t total = 0,
                           uint16_t text_len = 0) {
     uint16_t size = static_cast<uint16_t>((16 + text.size() + 3) & ~size_t{3});
-    std::string b;
-    put_le(b, ts, 8);
-    put_le(b, total ? total : size, 2);
-    put_le(b, text_len ? text_len : text.size(), 2);
-    put_le(b, 0, 4);
-    b += text;
+    std::string b = le(ts, 8) + le(total ? total : size, 2) +
+                    le(text_len ? text_len : text.size(), 2) + le(0, 4) + text;
     b.resize(size, '\0');
     return b;
 }
@@ -96,10 +96,7 @@ inline Ring make_ring(const std::vector<Rec> &recs, uint32_t size, uint32_t firs
             pos = 0;
             wrapped = true;
         }
-        if (pos + b.size() + 16 > (wrapped ? first : size)) {
-            fprintf(stderr, "ring of %u bytes too small\n", size);
-            abort();
-        }
+        check(pos + b.size() + 16 <= (wrapped ? first : size), "ring too small");
         r.bytes.replace(pos, b.size(), b);
         pos += b.size();
         r.len += static_cast<uint32_t>(b.size());
@@ -120,33 +117,20 @@ inline std::string kmsg_text(const std::vector<Rec> &recs) {
 
 inline std::string table_v1(const std::vector<std::vector<uint64_t>> &entries) {
     std::string b(8, '\0');
-    for (const auto &e : entries) {  // {id, start, end}
-        put_le(b, e[0], 4);
-        put_le(b, 0, 4);
-        put_le(b, e[1], 8);
-        put_le(b, e[2], 8);
-    }
-    b.append(24, '\0');
-    return b;
+    for (const auto &e : entries)  // {id, start, end}
+        b += le(e[0], 4) + le(0, 4) + le(e[1], 8) + le(e[2], 8);
+    return b + std::string(24, '\0');
 }
 
 inline std::string table_v2(const std::vector<std::vector<uint64_t>> &entries) {
     std::string b(8, '\0');
-    for (const auto &e : entries) {  // {id, address}
-        put_le(b, e[0], 4);
-        b.append(36, 'n');
-        put_le(b, e[1], 8);
-    }
-    b.append(48, '\0');
-    return b;
+    for (const auto &e : entries)  // {id, address}
+        b += le(e[0], 4) + std::string(36, 'n') + le(e[1], 8);
+    return b + std::string(48, '\0');
 }
 
 inline std::string data_record(uint64_t addr, uint64_t len) {
-    std::string b(40, 'r');
-    put_le(b, addr, 8);
-    put_le(b, len, 8);
-    b.resize(64, '\0');
-    return b;
+    return std::string(40, 'r') + le(addr, 8) + le(len, 8) + std::string(8, '\0');
 }
 
 class DumpDir {
@@ -172,9 +156,7 @@ class DumpDir {
     // OCIMEM.BIN with the table address where a kernel of that version reads it.
     void ocimem(int version, uint32_t table_addr) {
         sparse_file(path("OCIMEM.BIN"), 0x40000);
-        std::string b;
-        put_le(b, table_addr, 4);
-        pwrite_file(path("OCIMEM.BIN"), version == 304 ? 20500 : 16, b);
+        pwrite_file(path("OCIMEM.BIN"), version == 304 ? 20500 : 16, le(table_addr, 4));
     }
 
     // Writes bytes at a physical address of one of the images.
@@ -186,8 +168,7 @@ class DumpDir {
                 return;
             }
         }
-        fprintf(stderr, "address %llx is in no image\n", static_cast<unsigned long long>(addr));
-        abort();
+        check(false, "address in no image");
     }
 
     // Replaces the generated load.cmm lines.
@@ -225,9 +206,7 @@ inline void write_tables(DumpDir &d, int version, const Layout &l, const Ring &r
         d.write(l.log_rec, data_record(l.log_buf, ring.len));
         d.write(l.idx_rec, data_record(l.idx, 4));
     }
-    std::string idx;
-    put_le(idx, ring.first_idx, 4);
-    d.write(l.idx, idx);
+    d.write(l.idx, le(ring.first_idx, 4));
     d.write(l.log_buf, ring.bytes);
 }
 

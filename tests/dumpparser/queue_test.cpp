@@ -2,7 +2,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
 
@@ -40,14 +39,10 @@ class QueueTest : public DumpEnv {
         EXPECT_EQ(on ? vorn_node_enable(&node, &m) : vorn_node_disable(&node, &m), 0);
     }
 
-    bool wait_for(const std::function<bool()> &done, int seconds) {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > end)
-                return false;
+    static bool wait_for(const std::function<bool()> &done, int seconds) {
+        for (int i = 0; i < seconds * 50 && !done(); i++)
             usleep(20 * 1000);
-        }
-        return true;
+        return done();
     }
 
     bool taken() {
