@@ -1,6 +1,6 @@
-// Writes DDR dump directories for the dump parser's tests, fuzz target and
-// benchmark: sparse memory images with their load.cmm lines, OCIMEM.BIN with
-// the table address, memory dump tables of both formats and printk rings.
+// Writes DDR dump directories for the dump parser's tests and benchmark:
+// sparse memory images with their load.cmm lines, OCIMEM.BIN with the table
+// address, memory dump tables of both formats and printk rings.
 #pragma once
 
 #include <fcntl.h>
