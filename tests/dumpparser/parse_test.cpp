@@ -134,12 +134,6 @@ const BadDump kBadDumps[] = {
      0, "DumpParser, log_buf is e3001000", 2},
     {"empty image", 310, true, [](DumpDir &d) { truncate_image(d, 0); }, -1,
      "DumpParser: /data/dumps/bad/DDRCS0.BIN is empty.\n", -1},
-    {"no images", 310, true,
-     [](DumpDir &d) {
-         unlink(d.path("DDRCS0.BIN").c_str());
-         unlink(d.path("load.cmm").c_str());
-     },
-     0, "table addr is", -1},
     {"no OCIMEM.BIN", 310, true, [](DumpDir &d) { unlink(d.path("OCIMEM.BIN").c_str()); }, -1,
      "DumpParser: /data/dumps/bad/OCIMEM.BIN open failed: No such file or directory", -1},
 };
