@@ -106,45 +106,30 @@ TEST(EtmTest, AppsEtms) {
 }
 
 // Recording "stop" and "start" first on PATH: each call appends
-// "<name> <args>" to <root>/services.log.
+// "<name> <args>" to /services.log; "stop" fails while /stop.fails exists.
 TEST(EtmTest, HotPlugServiceIsAlwaysGivenBack) {
-    const std::string both = "stop mpdecision\nstart mpdecision\n";
-    const FileList on = {{online(0), "1"}};
-    const struct {
-        const char *name;
-        bool running, stop_fails;
-        FileList files;  // besides etm0's enable "0" and cpu "0"
-        uint32_t code;
-        std::string calls;
-        const char *etm0;  // null: not checked
-    } cases[] = {
-        {"switched", true, false, on, 0, both, "1\n"},
-        {"etm write fails", true, false, {{online(0), "1"}, {etm(0), AGENT_DIR}}, 0, both, nullptr},
-        {"stop fails", true, true, on, 8, "stop mpdecision\n", "0"},
-        {"not running", false, false, on, 0, "", "1\n"},
-    };
     const std::string old_path = getenv("PATH");
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        TempRoot root;
+    const std::string idle = "ro.board.platform=msm8974\n";
+    auto services = [&](const TempRoot &root) {
         for (std::string name : {"stop", "start"}) {
             root.write("/bin/" + name, "#!/bin/sh\necho \"" + name + " $*\" >> " +
-                                           root.at("/services.log") + "\n" +
-                                           (c.stop_fails && name == "stop" ? "exit 1\n" : ""));
+                                           root.at("/services.log") + "\n! [ -e " +
+                                           root.at("/" + name + ".fails") + " ]\n");
             chmod(root.at("/bin/" + name).c_str(), 0755);
         }
         setenv("PATH", (root.at("/bin") + ":" + old_path).c_str(), 1);
-        root.write(kProp, std::string("ro.board.platform=msm8974\n") +
-                              (c.running ? "init.svc.mpdecision=running\n" : ""));
-        agent_setup(root, {{etm(0), "0"}, {etm(0, "cpu"), "0"}});
-        agent_setup(root, c.files);
-        dagt_result r = {};
-        EXPECT_EQ(agent_run("etm apps enable etm_name etm0", &r), c.code);
-        EXPECT_EQ(root.read("/services.log"), c.calls);
-        if (c.etm0) {
-            EXPECT_EQ(root.read(etm(0)), c.etm0);
-        }
-    }
+        agent_setup(root, {{kProp, idle + "init.svc.mpdecision=running\n"},
+                           {etm(0), "0"},
+                           {etm(0, "cpu"), "0"},
+                           {online(0), "1"}});
+    };
+    const std::string line = "etm apps enable etm_name etm0", calls = "/services.log";
+    const std::string both = "stop mpdecision\nstart mpdecision\n";
+    agent_run_cases({{line, {}, 0, nullptr, {{calls, both}, {etm(0), "1\n"}}},
+                     {line, {{etm(0), AGENT_DIR}}, 0, nullptr, {{calls, both}}},
+                     {line, {{"/stop.fails", ""}}, 8, nullptr, {{calls, "stop mpdecision\n"}}},
+                     {line, {{kProp, idle}}, 0, nullptr, {{calls, AGENT_NONE}, {etm(0), "1\n"}}}},
+                    services);
     setenv("PATH", old_path.c_str(), 1);
 }
 
