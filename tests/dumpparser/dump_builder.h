@@ -82,6 +82,12 @@ struct Ring {
     uint32_t len = 0;
 };
 
+// Bytes taken as they are, walked (or copied) from the start to their end.
+inline Ring flat_ring(std::string bytes) {
+    uint32_t len = static_cast<uint32_t>(bytes.size());
+    return Ring{std::move(bytes), 0, len};
+}
+
 inline Ring make_ring(const std::vector<Rec> &recs, uint32_t size, uint32_t first) {
     Ring r;
     r.bytes.assign(size, '\0');

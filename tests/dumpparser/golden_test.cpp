@@ -29,24 +29,21 @@ void v2_wrap(DumpDir &d) {
 // Format 1; the record after the panic claims 993 bytes of text, which ends
 // the walk with what was written so far.
 void v1_implausible(DumpDir &d) {
-    Ring r;
-    r.bytes = record(10, "init: starting service 'adbd'") +
-              record(20, "Kernel panic - not syncing: Fatal exception") +
-              record(30, "SMP: stopping secondary CPUs") + record(40, "garbage", 0, 993) +
-              record(50, "never reached");
-    r.len = static_cast<uint32_t>(r.bytes.size());
-    simple_dump(d, 304, r);
+    simple_dump(d, 304,
+                flat_ring(record(10, "init: starting service 'adbd'") +
+                          record(20, "Kernel panic - not syncing: Fatal exception") +
+                          record(30, "SMP: stopping secondary CPUs") +
+                          record(40, "garbage", 0, 993) + record(50, "never reached")));
 }
 
 // Format 2 without a first index: the buffer is copied as raw text.
 void v2_raw(DumpDir &d) {
-    Ring r;
-    r.bytes =
-        "<6>[    0.000000] Booting Linux on physical CPU 0x0\n"
-        "<2>[   42.101010] msm_watchdog: Watchdog bark! Now = 42.101010\n"
-        "<0>[   42.101200] Kernel panic - not syncing: Apps watchdog bark received!\n";
-    r.len = static_cast<uint32_t>(r.bytes.size());
-    simple_dump(d, 310, r, false);
+    simple_dump(d, 310,
+                flat_ring("<6>[    0.000000] Booting Linux on physical CPU 0x0\n"
+                          "<2>[   42.101010] msm_watchdog: Watchdog bark! Now = 42.101010\n"
+                          "<0>[   42.101200] Kernel panic - not syncing: Apps watchdog bark "
+                          "received!\n"),
+                false);
 }
 
 // Two images; the log and its first index lie in the second one.

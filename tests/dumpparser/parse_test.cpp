@@ -75,7 +75,7 @@ const BadDump kBadDumps[] = {
      -1, "DumpParser: Failed to read, rlen(", 1},
     {"image shorter than the raw buffer", 310, false,
      [](DumpDir &d) {
-         simple_dump(d, 310, Ring{std::string(10000, 'a'), 0, 10000}, false);
+         simple_dump(d, 310, flat_ring(std::string(10000, 'a')), false);
          truncate_image(d, 0x100000 + 5000);
      },
      -1, "DumpParser: Failed to read, rlen(904) != len(4096)", -1},
