@@ -111,6 +111,12 @@ void dagt_set_answer(dagt_result *result, const char *answer, size_t bound = DAG
 // returns the record's code.
 uint32_t dagt_dispatch_subcmd(dagt_cmd_t *cmd, dagt_result *result, const dagt_subcmd *table);
 
+// The shape of a family's top-level handler: 11 without a result record,
+// error 2 unless the line has more than min_tokens tokens, otherwise the
+// cursor moves by skip and the word there is dispatched on table.
+uint32_t dagt_dispatch_family(dagt_cmd_t *cmd, dagt_result *result, uint32_t min_tokens,
+                              uint32_t skip, const dagt_subcmd *table);
+
 // 0 when the command has exactly expected tokens, else the code it set.
 uint32_t dagt_check_param_cnt(dagt_cmd_t *cmd, uint32_t expected, dagt_result *result);
 

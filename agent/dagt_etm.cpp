@@ -74,15 +74,7 @@ int etm_index(dagt_cmd_t *cmd, dagt_result *result, bool log, uint32_t *index) {
 
 uint32_t dagt_cmd_etm_h(dagt_cmd_t *cmd, dagt_result *result) {
     VLOGD("%s\n", "dagt_cmd_etm_h");
-    if (result == nullptr)
-        return DAGT_ERR_NULL_POINTER;
-    if (cmd == nullptr || cmd->count <= 2) {
-        dagt_set_error(result, DAGT_ERR_INPUT_PARAM);
-        return dagt_code(result);
-    }
-    cmd->cursor += 2;
-    dagt_dispatch_subcmd(cmd, result, dagt_etm_table);
-    return dagt_code(result);
+    return dagt_dispatch_family(cmd, result, 2, 2, dagt_etm_table);
 }
 
 // Rows whose count equals the token count are scored: subsystem word at

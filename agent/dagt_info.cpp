@@ -46,15 +46,7 @@ uint32_t info_answer(dagt_cmd_t *cmd, dagt_result *result, const char *answer) {
 
 uint32_t dagt_cmd_info_h(dagt_cmd_t *cmd, dagt_result *result) {
     VLOGD("%s\n", "dagt_cmd_info_h");
-    if (result == nullptr)
-        return DAGT_ERR_NULL_POINTER;
-    if (cmd == nullptr || cmd->count <= 1) {
-        dagt_set_error(result, DAGT_ERR_INPUT_PARAM);
-        return dagt_code(result);
-    }
-    cmd->cursor++;
-    dagt_dispatch_subcmd(cmd, result, dagt_info_table);
-    return dagt_code(result);
+    return dagt_dispatch_family(cmd, result, 1, 1, dagt_info_table);
 }
 
 // The word compared with "chipid" is the one after the next: "info check x

@@ -147,6 +147,19 @@ uint32_t dagt_dispatch_subcmd(dagt_cmd_t *cmd, dagt_result *result, const dagt_s
     return DAGT_ERR_UNKNOWN_CMD;
 }
 
+uint32_t dagt_dispatch_family(dagt_cmd_t *cmd, dagt_result *result, uint32_t min_tokens,
+                              uint32_t skip, const dagt_subcmd *table) {
+    if (result == nullptr)
+        return DAGT_ERR_NULL_POINTER;
+    if (cmd == nullptr || cmd->count <= min_tokens) {
+        dagt_set_error(result, DAGT_ERR_INPUT_PARAM);
+        return dagt_code(result);
+    }
+    cmd->cursor += skip;
+    dagt_dispatch_subcmd(cmd, result, table);
+    return dagt_code(result);
+}
+
 uint32_t dagt_check_param_cnt(dagt_cmd_t *cmd, uint32_t expected, dagt_result *result) {
     if (expected == 0) {
         VLOGE("Max parameter number is 0 ?!\n");

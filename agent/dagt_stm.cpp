@@ -18,15 +18,7 @@ const dagt_subcmd dagt_stm_table[] = {
 
 uint32_t dagt_cmd_stm_h(dagt_cmd_t *cmd, dagt_result *result) {
     VLOGD("%s\n", "dagt_cmd_stm_h");
-    if (result == nullptr)
-        return DAGT_ERR_NULL_POINTER;
-    if (cmd == nullptr || cmd->count <= 1) {
-        dagt_set_error(result, DAGT_ERR_INPUT_PARAM);
-        return dagt_code(result);
-    }
-    cmd->cursor++;
-    dagt_dispatch_subcmd(cmd, result, dagt_stm_table);
-    return dagt_code(result);
+    return dagt_dispatch_family(cmd, result, 1, 1, dagt_stm_table);
 }
 
 uint32_t dagt_stm_get(dagt_cmd_t *cmd, dagt_result *result) {

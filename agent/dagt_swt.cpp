@@ -240,15 +240,7 @@ uint32_t dagt_venus_enable_tds(dagt_cmd_t *, dagt_result *result) {
 
 uint32_t dagt_cmd_swt_h(dagt_cmd_t *cmd, dagt_result *result) {
     VLOGD("%s\n", "dagt_cmd_swt_h");
-    if (result == nullptr)
-        return DAGT_ERR_NULL_POINTER;
-    if (cmd == nullptr || cmd->count <= 2) {
-        dagt_set_error(result, DAGT_ERR_INPUT_PARAM);
-        return dagt_code(result);
-    }
-    cmd->cursor += 2;
-    dagt_dispatch_subcmd(cmd, result, dagt_swt_table);
-    return dagt_code(result);
+    return dagt_dispatch_family(cmd, result, 2, 2, dagt_swt_table);
 }
 
 // The first row that matches token count, subsystem word (position 1) and

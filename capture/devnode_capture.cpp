@@ -140,19 +140,13 @@ void read_device(devnode_worker *w) {
             prelog_append(&w->pre, w->buf, static_cast<size_t>(n));
         }
 
-        pthread_mutex_lock(&w->node->lock);
-        if (!w->node->pending_change) {
-            pthread_mutex_unlock(&w->node->lock);
+        node_change change = take_node_change(w->node, &w->provider);
+        if (change == node_change::none)
             continue;
-        }
-        w->node->pending_change = 0;
-        if (!w->node->enable) {
-            pthread_mutex_unlock(&w->node->lock);
+        if (change == node_change::disabled) {
             tear_down(w);
             return;
         }
-        w->provider = w->node->log_provider;
-        pthread_mutex_unlock(&w->node->lock);
         close_device(w);
         close_log_file(&w->file);
         if (w->provider == nullptr) {

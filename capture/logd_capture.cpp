@@ -224,19 +224,13 @@ void read_buffers(logd_worker *w) {
             return;
         }
 
-        pthread_mutex_lock(&w->node->lock);
-        if (!w->node->pending_change) {
-            pthread_mutex_unlock(&w->node->lock);
+        node_change change = take_node_change(w->node, &w->provider);
+        if (change == node_change::none)
             continue;
-        }
-        w->node->pending_change = 0;
-        if (!w->node->enable) {
-            pthread_mutex_unlock(&w->node->lock);
+        if (change == node_change::disabled) {
             tear_down(w);
             return;
         }
-        w->provider = w->node->log_provider;
-        pthread_mutex_unlock(&w->node->lock);
         close_buffers(w);
         close_log_file(&w->file);
         if (open_buffers(w) != 0)

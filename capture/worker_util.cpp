@@ -35,6 +35,17 @@ void serve_new_file_request(vorn_node *node, vorn_log_file *file, char *path) {
     node->new_file_request = 0;
 }
 
+node_change take_node_change(vorn_node *node, const char **provider) {
+    vorn_node_guard g(node);
+    if (!node->pending_change)
+        return node_change::none;
+    node->pending_change = 0;
+    if (!node->enable)
+        return node_change::disabled;
+    *provider = node->log_provider;
+    return node_change::reopen;
+}
+
 int split_provider(const char *provider, bool whole_unless_semicolon,
                    char (*names)[VORN_PROVIDER_NAME_LEN]) {
     if (provider == nullptr)

@@ -23,6 +23,12 @@ void install_selfsig_handler();
 // resets the written count and clears the request under the node's lock.
 void serve_new_file_request(vorn_node *node, vorn_log_file *file, char *path);
 
+// What a reading worker finds after each entry, under the node's lock: no
+// change, a change to disabled, or a change while enabled (the provider is
+// taken anew into *provider). The pending-change flag is cleared when set.
+enum class node_change { none, disabled, reopen };
+node_change take_node_change(vorn_node *node, const char **provider);
+
 // Splits a provider into at most VORN_PROVIDER_NAMES names at every ";" and
 // " " (empty names skipped). A name longer than 39 characters ends the list
 // there. With whole_unless_semicolon, a provider without ";" is one name (cut
