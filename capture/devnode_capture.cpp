@@ -173,18 +173,12 @@ void capture_devnode(vorn_node *node) {
 
     for (;;) {
         sleep(VORN_POLL_SECONDS);
-        pthread_mutex_lock(&node->lock);
-        if (!node->enable) {
-            bool change = node->pending_change;
-            node->pending_change = 0;
-            pthread_mutex_unlock(&node->lock);
-            if (change)
+        idle_look look = look_at_idle_node(node, &w->provider);
+        if (look != idle_look::start) {
+            if (look == idle_look::tear_down)
                 tear_down(w);
             continue;
         }
-        node->pending_change = 0;
-        w->provider = node->log_provider;
-        pthread_mutex_unlock(&node->lock);
         if (w->provider == nullptr) {
             VLOGE("%s: no log_provider\n", "capture_devnode");
             continue;

@@ -152,19 +152,14 @@ void capture_multi_devnode(vorn_node *node) {
         if (sleep_first)
             sleep(VORN_POLL_SECONDS);
         sleep_first = true;
-        pthread_mutex_lock(&node->lock);
-        if (!node->enable) {
-            bool change = node->pending_change;
-            node->pending_change = 0;
-            pthread_mutex_unlock(&node->lock);
-            if (change) {
+        idle_look look = look_at_idle_node(node, nullptr);
+        if (look != idle_look::start) {
+            if (look == idle_look::tear_down) {
                 close_slots(w);
                 close_log_file(&w->file);
             }
             continue;
         }
-        node->pending_change = 0;
-        pthread_mutex_unlock(&node->lock);
 
         int open_count = open_slots(w);
         if (w->file.fp == nullptr)

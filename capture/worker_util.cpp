@@ -35,6 +35,19 @@ void serve_new_file_request(vorn_node *node, vorn_log_file *file, char *path) {
     node->new_file_request = 0;
 }
 
+idle_look look_at_idle_node(vorn_node *node, const char **provider) {
+    vorn_node_guard g(node);
+    if (!node->enable) {
+        bool change = node->pending_change;
+        node->pending_change = 0;
+        return change ? idle_look::tear_down : idle_look::idle;
+    }
+    node->pending_change = 0;
+    if (provider != nullptr)
+        *provider = node->log_provider;
+    return idle_look::start;
+}
+
 node_change take_node_change(vorn_node *node, const char **provider) {
     vorn_node_guard g(node);
     if (!node->pending_change)

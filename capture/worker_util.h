@@ -23,6 +23,12 @@ void install_selfsig_handler();
 // resets the written count and clears the request under the node's lock.
 void serve_new_file_request(vorn_node *node, vorn_log_file *file, char *path);
 
+// The idle poll's look at the node (after its sleep), under the node's lock:
+// enabled (flag cleared, the provider taken into *provider), disabled with a
+// pending change to tear down (flag cleared), or nothing to do.
+enum class idle_look { idle, tear_down, start };
+idle_look look_at_idle_node(vorn_node *node, const char **provider);
+
 // What a reading worker finds after each entry, under the node's lock: no
 // change, a change to disabled, or a change while enabled (the provider is
 // taken anew into *provider). The pending-change flag is cleared when set.
