@@ -79,29 +79,11 @@ int write_prelog(devnode_worker *w) {
     return 0;
 }
 
-// A file once the log root is writable (pre-log text first), else the pre-log buffer.
+// A file once the log root is writable (pre-log data first), else the pre-log buffer.
 void ensure_output(devnode_worker *w) {
-    if (w->file.fp)
-        return;
-    char root[VORN_LOG_PATH_LEN];
-    copy_log_root(root);
-    if (wait_log_dir(root, 1) == 0) {
-        if (open_log_file(w->node, &w->file, w->path) != 0)
-            return;
-        if (w->pre.data) {
-            if (write_prelog(w) != 0) {
-                VLOGE("Failed to write out to log file\n");
-                close_log_file(&w->file);
-            } else {
-                VLOGD("Free pre log buf: %s\n", w->provider);
-                prelog_free(&w->pre);
-            }
-        }
-        scan_file_logpath(w->node->log_filepath, VORN_KEEP_FILES - 1);
-    } else if (w->pre.data == nullptr) {
-        VLOGD("Malloc pre log buf: %s.\n", w->provider);
-        prelog_alloc(&w->pre);
-    }
+    ensure_prelog_output(
+        w->node, &w->file, w->path, &w->pre, w->provider,
+        [](void *ctx) { return write_prelog(static_cast<devnode_worker *>(ctx)); }, w);
 }
 
 void tear_down(devnode_worker *w) {

@@ -113,28 +113,12 @@ int open_buffers(logd_worker *w) {
 }
 
 void ensure_output(logd_worker *w) {
-    if (w->file.fp)
-        return;
-    char root[VORN_LOG_PATH_LEN];
-    copy_log_root(root);
-    if (wait_log_dir(root, 1) == 0) {
-        if (open_log_file(w->node, &w->file, w->path) != 0)
-            return;
-        if (w->pre.data) {
-            int len = static_cast<int>(w->pre.len);
-            if (write_log_data(w->pre.data, len, &w->file, w->path, w->node) != len) {
-                VLOGE("Failed to write out to log file\n");
-                close_log_file(&w->file);
-            } else {
-                VLOGD("Free pre log buf: %s\n", w->provider);
-                prelog_free(&w->pre);
-            }
-        }
-        scan_file_logpath(w->node->log_filepath, VORN_KEEP_FILES - 1);
-    } else if (w->pre.data == nullptr) {
-        VLOGD("Malloc pre log buf: %s.\n", w->provider);
-        prelog_alloc(&w->pre);
-    }
+    auto write_pre = [](void *ctx) {
+        auto *lw = static_cast<logd_worker *>(ctx);
+        int len = static_cast<int>(lw->pre.len);
+        return write_log_data(lw->pre.data, len, &lw->file, lw->path, lw->node) == len ? 0 : -1;
+    };
+    ensure_prelog_output(w->node, &w->file, w->path, &w->pre, w->provider, write_pre, w);
 }
 
 // Some liblog builds (the host's) print every event tag as its number; the

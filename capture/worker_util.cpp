@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "capture/capture_pipe.h"
+#include "platform/log.h"
 
 void install_selfsig_handler() {
     struct sigaction sa {};
@@ -116,4 +117,29 @@ void copy_log_root(char *out) {
     memcpy(out, gbl_config.log_path, VORN_LOG_PATH_LEN);
     pthread_mutex_unlock(&gbl_config_mutex);
     out[VORN_LOG_PATH_LEN - 1] = '\0';
+}
+
+void ensure_prelog_output(vorn_node *node, vorn_log_file *file, char *path, prelog_buf *pre,
+                          const char *provider, int (*write_pre)(void *ctx), void *ctx) {
+    if (file->fp)
+        return;
+    char root[VORN_LOG_PATH_LEN];
+    copy_log_root(root);
+    if (wait_log_dir(root, 1) == 0) {
+        if (open_log_file(node, file, path) != 0)
+            return;
+        if (pre->data) {
+            if (write_pre(ctx) != 0) {
+                VLOGE("Failed to write out to log file\n");
+                close_log_file(file);
+            } else {
+                VLOGD("Free pre log buf: %s\n", provider);
+                prelog_free(pre);
+            }
+        }
+        scan_file_logpath(node->log_filepath, VORN_KEEP_FILES - 1);
+    } else if (pre->data == nullptr) {
+        VLOGD("Malloc pre log buf: %s.\n", provider);
+        prelog_alloc(pre);
+    }
 }

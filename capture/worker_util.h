@@ -53,6 +53,14 @@ int prelog_alloc(prelog_buf *buf);
 void prelog_append(prelog_buf *buf, const char *data, size_t len);
 void prelog_free(prelog_buf *buf);
 
+// Output of a reader that may start before the log root is writable: while no
+// file is open, opens one once the root is writable, writes the pre-log
+// buffer into it first (write_pre(ctx) returns 0 on success), frees the
+// buffer and prunes the node's old files; while the root is not writable,
+// makes sure a pre-log buffer exists.
+void ensure_prelog_output(vorn_node *node, vorn_log_file *file, char *path, prelog_buf *pre,
+                          const char *provider, int (*write_pre)(void *ctx), void *ctx);
+
 // Copies the log root (gbl_config's log_path, a device path) under
 // gbl_config_mutex; out holds VORN_LOG_PATH_LEN bytes.
 void copy_log_root(char *out);
