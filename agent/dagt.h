@@ -103,6 +103,10 @@ void dagt_set_result(dagt_result *result, uint32_t code, uint32_t text_len);
 // Stores code with its message as the text; codes above 19 are ignored.
 void dagt_set_error(dagt_result *result, uint32_t code);
 
+// Records a QMI client outcome (qmi_qdss_status) as the matching agent code
+// and returns 0 when the call went through, -1 otherwise.
+int dagt_set_qmi_status(dagt_result *result, int status);
+
 // Copies an answer into result->text and sets code 0. bound is the copy's
 // size limit (at most DAGT_TEXT_LEN); the stored length is that of answer.
 void dagt_set_answer(dagt_result *result, const char *answer, size_t bound = DAGT_TEXT_LEN);

@@ -12,6 +12,7 @@
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -168,8 +169,7 @@ uint32_t dagt_cti_reset_one(dagt_cmd_t *cmd, dagt_result *result) {
         reset_device(result, word, device);
         return dagt_code(result);
     }
-    std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir(vorn_path(DAGT_CORESIGHT_DIR).c_str()),
-                                             closedir);
+    unique_dir dir(opendir(vorn_path(DAGT_CORESIGHT_DIR).c_str()));
     if (!dir) {
         VLOGE("%s: Open %s failed\n", "dagt_cti_reset_one", DAGT_CORESIGHT_DIR);
         dagt_set_error(result, DAGT_ERR_CTI_NAME);

@@ -12,6 +12,7 @@
 
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/properties.h"
 #include "platform/root.h"
@@ -37,14 +38,10 @@ constexpr const char *kCpuPresent = "/sys/devices/system/cpu/present";
 // returns the byte count, -1 when it does not open, -2 when it does not read.
 ssize_t read_small(const char *device_path, char *buf) {
     std::string file = vorn_path(device_path);
-    int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    unique_fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
         return -1;
-    ssize_t n;
-    do {
-        n = read(fd, buf, DAGT_STATE_READ_LEN);
-    } while (n < 0 && errno == EINTR);
-    close(fd);
+    ssize_t n = read_retry(fd.get(), buf, DAGT_STATE_READ_LEN);
     return n < 0 ? -2 : n;
 }
 

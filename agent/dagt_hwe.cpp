@@ -10,7 +10,7 @@
 #include "agent/dagt_state.h"
 #include "core/shell.h"
 #include "platform/log.h"
-#include "qdss/qmi_client.h"
+#include "qmi/qmi_client.h"
 
 namespace {
 
@@ -156,11 +156,11 @@ uint32_t dagt_hwe_mdm_set_reg(dagt_cmd_t *cmd, dagt_result *result) {
         dagt_set_error(result, DAGT_SUBSYS_MODEM);
         return dagt_code(result);
     }
-    if (qmi_qdss_client_init(DAGT_SUBSYS_MODEM, result) == 0) {
+    if (dagt_set_qmi_status(result, qmi_qdss_client_init(DAGT_SUBSYS_MODEM)) == 0) {
         uint32_t addr = static_cast<uint32_t>(strtoul(cmd->params[4], nullptr, 0));
         uint32_t value = static_cast<uint32_t>(strtoul(cmd->params[6], nullptr, 0));
         VLOGD("%s: 0x%x->0x%x \n", "dagt_hwe_mdm_set_reg", addr, value);
-        qmi_set_hw_reg(result, DAGT_SUBSYS_MODEM, addr, value);
+        dagt_set_qmi_status(result, qmi_set_hw_reg(DAGT_SUBSYS_MODEM, addr, value));
     }
     dagt_set_result(result, DAGT_SUCCESS, 0);
     return dagt_code(result);

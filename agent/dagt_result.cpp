@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "agent/dagt.h"
+#include "qmi/qmi_client.h"
 
 const char *const dagt_error[DAGT_ERR_MAX] = {
     "Debug Agent run cmd success",
@@ -60,6 +61,25 @@ void dagt_set_error(dagt_result *result, uint32_t code) {
     const char *msg = code < DAGT_ERR_MAX ? dagt_error[code] : "";
     size_t len = dagt_strlcpy(result->text, msg, sizeof result->text);
     dagt_set_result(result, code, static_cast<uint32_t>(len));
+}
+
+int dagt_set_qmi_status(dagt_result *result, int status) {
+    switch (status) {
+        case QMI_QDSS_CONNECTED:
+            return 0;
+        case QMI_QDSS_OK:
+            dagt_set_error(result, DAGT_SUCCESS);
+            return 0;
+        case QMI_QDSS_INVALID_ID:
+            dagt_set_error(result, DAGT_QMI_INVALID_ID);
+            return -1;
+        case QMI_QDSS_INIT_ERR:
+            dagt_set_error(result, DAGT_QMI_INIT_ERR);
+            return -1;
+        default:
+            dagt_set_error(result, DAGT_QMI_SEND_ERR);
+            return -1;
+    }
 }
 
 void dagt_set_answer(dagt_result *result, const char *answer, size_t bound) {

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -89,18 +90,14 @@ int dagt_get_state(dagt_result *result, const char *path, char *buffer, size_t l
         return -1;
     }
     std::string file = vorn_path(path);
-    int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    unique_fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
         VLOGE("%s:Open %s failed (%s)\n", "dagt_get_state", path, strerror(errno));
         dagt_set_error(result, DAGT_ERR_OPEN_DEVICE);
         return -1;
     }
-    ssize_t n;
-    do {
-        n = read(fd, buffer, length);
-    } while (n < 0 && errno == EINTR);
+    ssize_t n = read_retry(fd.get(), buffer, length);
     int err = errno;
-    close(fd);
     if (n < 0) {
         VLOGE("%s:Read %s failed (%s)\n", "dagt_get_state", path, strerror(err));
         dagt_set_error(result, DAGT_ERR_READ_DEVICE);

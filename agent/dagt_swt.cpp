@@ -10,7 +10,7 @@
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
 #include "platform/log.h"
-#include "qdss/qmi_client.h"
+#include "qmi/qmi_client.h"
 
 namespace {
 
@@ -202,9 +202,9 @@ uint32_t dagt_apps_get_ftrace_ext_state(dagt_cmd_t *cmd, dagt_result *result) {
 // A failed connection leaves the record as it was (its codes are not
 // stored), so the command reports the record's earlier code.
 uint32_t dagt_swt_remote_enable(dagt_result *result, uint32_t instance, uint32_t entity) {
-    if (qmi_qdss_client_init(instance, result) != 0)
+    if (dagt_set_qmi_status(result, qmi_qdss_client_init(instance)) != 0)
         return dagt_code(result);
-    qmi_set_entity_state(result, instance, entity, 1);
+    dagt_set_qmi_status(result, qmi_set_entity_state(instance, entity, 1));
     return dagt_code(result);
 }
 

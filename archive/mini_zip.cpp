@@ -17,8 +17,9 @@
 #include <memory>
 #include <string>
 
-#include "archive/file_util.h"
+#include "archive/entry_size.h"
 #include "core/ctrl_msg.h"
+#include "core/file_util.h"
 #include "core/shell.h"
 #include "platform/log.h"
 #include "platform/root.h"
@@ -28,21 +29,11 @@ namespace {
 const char kDaemon[] = "vornd";
 const int kEntryFailed = -4;
 
-struct DirCloser {
-    void operator()(DIR *d) const { closedir(d); }
-};
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
-struct FreeDeleter {
-    void operator()(void *p) const { free(p); }
-};
-
 // Opens a source entry for reading. Only regular files and directories are
 // opened (a directory fails on its first read, as a file that cannot be
 // read): an open of a FIFO would block the walk for ever, and opening a device
 // node can have side effects. *size is the file's size at the open.
-std::unique_ptr<FILE, FileCloser> open_source(const char *path, uint64_t *size) {
+unique_file open_source(const char *path, uint64_t *size) {
     std::string host = vorn_path(path);
     struct stat st;
     if (stat(host.c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)))
@@ -61,7 +52,7 @@ std::unique_ptr<FILE, FileCloser> open_source(const char *path, uint64_t *size) 
         return nullptr;
     }
     *size = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
-    return std::unique_ptr<FILE, FileCloser>(fp);
+    return unique_file(fp);
 }
 
 // Adds one source file as the archive entry in_zip. Returns the entry's
@@ -151,14 +142,18 @@ void add_entries(zipFile zf, char *buf, DIR *dir, const char *src, char *desc_pa
 int write_archive(const char *name, const char *src, char *desc_path, bool *too_large) {
     // The archive was just created empty, and there is no zip to add into
     // yet: such a file is opened as a new archive.
-    int append = file_size(name) == 0 ? APPEND_STATUS_CREATE : APPEND_STATUS_ADDINZIP;
+    bool known = false;
+    uint64_t size = file_size(name, &known);
+    if (!known)
+        VLOGE("Get size of %s error %s", name, strerror(errno));
+    int append = size == 0 ? APPEND_STATUS_CREATE : APPEND_STATUS_ADDINZIP;
     zipFile zf = zipOpen(vorn_path(name).c_str(), append);
     if (zf == nullptr) {
         VLOGE("%s: Zip Open failed.\n", kDaemon);
         return VORN_ZIP_OPEN_FAILED;
     }
-    std::unique_ptr<char, FreeDeleter> buf(static_cast<char *>(malloc(VORN_ZIP_READ_SIZE)));
-    std::unique_ptr<DIR, DirCloser> dir;
+    unique_malloc<char> buf(static_cast<char *>(malloc(VORN_ZIP_READ_SIZE)));
+    unique_dir dir;
     if (!buf) {
         VLOGE("%s: malloc read_buf failed: %s.", kDaemon, strerror(errno));
     } else {

@@ -9,28 +9,19 @@
 #include <ctime>
 #include <memory>
 
-#include "archive/file_util.h"
+#include "archive/entry_size.h"
 #include "archive/mini_zip.h"
-#include "capture/log_writer.h"
+#include "core/file_util.h"
 #include "core/gbl_config.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
 namespace {
-struct DirCloser {
-    void operator()(DIR *d) const { closedir(d); }
-};
-
 const char kDescPrefix[] = "description_";
 }  // namespace
 
 void log_time_stamp(char *buf) {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    struct tm tm;
-    time_t sec = tv.tv_sec;
-    localtime_r(&sec, &tm);
-    strftime(buf, VORN_STAMP_LEN, VORN_TIME_FORMAT, &tm);
+    vorn_time_stamp(buf, VORN_STAMP_LEN);
 }
 
 int prepare_upload_archive(char *name, size_t len, const char *logname, const char *src) {
@@ -42,7 +33,7 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
     snprintf(upload_dir, sizeof upload_dir, "%s/upload/%s", log_path, logname);
     wait_log_dir(upload_dir, 1);
 
-    std::unique_ptr<DIR, DirCloser> dir(opendir(vorn_path(src).c_str()));
+    unique_dir dir(opendir(vorn_path(src).c_str()));
     if (!dir) {
         VLOGE("%s: opendir %s failed: %s.", "vornd", upload_dir, strerror(errno));
         return -1;

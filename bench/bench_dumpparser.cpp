@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "dumpparser/dumpparser.h"
-#include "tests/dumpparser/dump_builder.h"
+#include "tests/support/dump_builder.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include "core/node_ops.h"
 #include "platform/logd_reader.h"
 #include "platform/root.h"
-#include "tools/fake_logd/fake_logd.h"
+#include "sim/fake_logd.h"
 
 namespace fs = std::filesystem;
 

@@ -14,6 +14,7 @@
 
 #include "core/gbl_config.h"
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -21,7 +22,6 @@ namespace {
 
 // Command buffers are sized for device paths; on a host the root is added on
 // top so that it never eats into that room.
-constexpr size_t kWaitCmdLen = 128;
 constexpr size_t kOpenCmdLen = 300;
 
 // Appends src to the NUL-terminated dst of capacity cap, cutting it so that
@@ -50,16 +50,6 @@ std::string log_root() {
     return std::string(gbl_config.log_path, strnlen(gbl_config.log_path, VORN_LOG_PATH_LEN));
 }
 
-int mkdir_p(const char *host_dir, size_t cmd_len) {
-    std::string cmd(cmd_len + strlen(vorn_root()), '\0');
-    snprintf(cmd.data(), cmd.size(), "mkdir -p %s", shell_word(host_dir).c_str());
-    return run_command(cmd.c_str());
-}
-
-struct dir_closer {
-    void operator()(DIR *d) const { closedir(d); }
-};
-
 int compare_names(const void *a, const void *b) {
     return strncmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b), VORN_PATH_MAX);
 }
@@ -73,32 +63,6 @@ int remove_at(int dfd, const char *name) {
 }
 
 }  // namespace
-
-int wait_log_dir(const char *dir, int tries) {
-    std::string host = vorn_path(dir ? dir : "");
-    if (access(host.c_str(), W_OK) == 0)
-        return 0;
-    for (;;) {
-        int ret = -1;
-        if (mkdir(host.c_str(), 0777) == 0)
-            return 0;
-        if (errno == EROFS) {
-            // Storage not mounted writable yet.
-            sleep(1);
-        } else {
-            ret = mkdir_p(host.c_str(), kWaitCmdLen);
-            if (ret == 0) {
-                VLOGD("Dir %s is not available, create it and start logging.", dir);
-                return 0;
-            }
-        }
-        if (tries != 0 && --tries == 0)
-            return ret;
-        sleep(1);
-        if (access(host.c_str(), W_OK) == 0)
-            return 0;
-    }
-}
 
 int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     file->fp = nullptr;
@@ -116,7 +80,7 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     }
     *slash = '\0';
     // Held across the command so that the workers create directories one at a time.
-    int status = mkdir_p(vorn_path(path).c_str(), kOpenCmdLen);
+    int status = vorn_mkdir_p(vorn_path(path).c_str(), kOpenCmdLen);
     pthread_mutex_unlock(&gbl_config_mutex);
     if (status != 0) {
         VLOGE("Failed to create the directory: %s\n", path);
@@ -203,7 +167,7 @@ void close_log_file(vorn_log_file *file) {
 }
 
 int rotate_log_files(const char *dir, const char *prefix, int keep) {
-    std::unique_ptr<DIR, dir_closer> d(opendir(vorn_path(dir).c_str()));
+    unique_dir d(opendir(vorn_path(dir).c_str()));
     if (!d)
         return -1;
     size_t prefix_len = strlen(prefix);
@@ -295,30 +259,4 @@ int scan_file_logpath(const char *log_filepath, int keep) {
     free(dirpath);
     free(full);
     return ret;
-}
-
-char *replace_string(const char *text, const char *token, const char *value) {
-    if (text == nullptr)
-        return nullptr;
-    char *copy = strdup(text);
-    if (copy == nullptr) {
-        VLOGE("no space for strdup %s.", text);
-        return nullptr;
-    }
-    const char *at = (token && *token) ? strstr(copy, token) : nullptr;
-    if (at == nullptr)
-        return copy;
-    const char *val = value ? value : "";
-    size_t before = static_cast<size_t>(at - copy);
-    const char *after = at + strlen(token);
-    size_t len = before + strlen(val) + strlen(after) + 1;
-    char *out = static_cast<char *>(malloc(len));
-    if (out == nullptr) {
-        VLOGE("no space for replaced string!");
-        free(copy);
-        return nullptr;
-    }
-    snprintf(out, len, "%.*s%s%s", static_cast<int>(before), copy, val, after);
-    free(copy);
-    return out;
 }

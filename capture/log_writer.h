@@ -9,11 +9,11 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "core/file_util.h"
 #include "core/node.h"
 
 #define VORN_PATH_MAX 256   // path buffers of the workers
 #define VORN_KEEP_FILES 10  // files of a node that survive pruning
-#define VORN_TIME_FORMAT "%Y_%m_%d-%H_%M_%S"
 
 // The worker's log file handle: the open stream (null when no file is open)
 // and the bytes written to it since it was opened.
@@ -21,10 +21,6 @@ struct vorn_log_file {
     FILE *fp;
     uint64_t written;
 };
-
-// Returns 0 once dir is writable; tries 0 waits for ever, otherwise gives up
-// after that many attempts and returns non-zero.
-int wait_log_dir(const char *dir, int tries);
 
 // Creates the node's directory and opens a new file "<log root>/<log_filepath>.<time>";
 // on success file->fp is set and path (VORN_PATH_MAX bytes) holds its path.
@@ -46,7 +42,3 @@ int rotate_log_files(const char *dir, const char *prefix, int keep);
 
 // rotate_log_files on the directory and prefix of a node's log_filepath.
 int scan_file_logpath(const char *log_filepath, int keep);
-
-// A new heap copy of text with the first occurrence of token replaced by value
-// (a plain copy when token does not occur); null when memory runs out.
-char *replace_string(const char *text, const char *token, const char *value);

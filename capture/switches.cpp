@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/config.h"
+#include "core/file_util.h"
 #include "core/shell.h"
 #include "platform/log.h"
 #include "platform/root.h"

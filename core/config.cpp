@@ -13,7 +13,9 @@
 #include <mutex>
 #include <string>
 
+#include "core/file_util.h"
 #include "core/gbl_config.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -181,40 +183,8 @@ void vorn_config_fill_node(vorn_node *node, int slot, xmlNodePtr el, xmlNodePtr 
     node->pending_change = 1;
 }
 
-int copy_file(const char *dest, const char *src) {
-    std::string rsrc = vorn_path(src);
-    std::string rdest = vorn_path(dest);
-    int in = open(rsrc.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0) {
-        VLOGE("Can't open file %s. err is %s", src, strerror(errno));
-        return -1;
-    }
-    int out = open(rdest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
-    if (out < 0) {
-        VLOGE("Can't open file %s. err is %s", dest, strerror(errno));
-        close(in);
-        return -1;
-    }
-    char buf[1024];
-    int ret = 0;
-    for (;;) {
-        ssize_t n = read(in, buf, sizeof buf);
-        if (n <= 0)
-            break;  // end of file, or a read error: the copy ends either way
-        ssize_t w = write(out, buf, static_cast<size_t>(n));
-        if (w != n) {
-            VLOGE("%s: Failed to write file\n", "copy_file");
-            ret = -1;
-            break;
-        }
-    }
-    close(in);
-    close(out);
-    return ret;
-}
-
 int vorn_config_choose() {
-    std::unique_ptr<char, decltype(&free)> required(nullptr, free);
+    unique_malloc<char> required;
     {
         std::string sys = vorn_path(VORN_SYSTEM_CONF);
         if (access(sys.c_str(), F_OK) != 0) {

@@ -43,9 +43,6 @@ void vorn_config_fill_node(vorn_node *node, int slot, xmlNodePtr el, xmlNodePtr 
 // Returns the child-element count (> 0), or -1 when start-up must fail.
 int vorn_config_choose();
 
-// Copies src over dest (device paths) in 1024-byte chunks; 0 or -1.
-int copy_file(const char *dest, const char *src);
-
 // Write-back: the element of the working document whose tag is name, or null.
 xmlNodePtr vorn_config_find_element(const char *name);
 // Sets one attribute in memory and saves the whole working document to

@@ -42,13 +42,37 @@ static_assert(offsetof(vorn_ctrl_msg, logname) == 12);
 static_assert(offsetof(vorn_ctrl_msg, mask) == 28);
 static_assert(offsetof(vorn_ctrl_msg, reserved) == 128);
 
-// Types 3 and 4 overlay the message with the layout of gbl_config.
-#define VORN_MSG_GBL_ENABLE_OFF 1
-#define VORN_MSG_GBL_LOGLEVEL_OFF 2
-#define VORN_MSG_GBL_TIME_OFF 3
-#define VORN_MSG_GBL_SIZE_OFF 7
-#define VORN_MSG_GBL_LOG_PATH_OFF 11
-#define VORN_MSG_GBL_LOG_PATH_LEN 117
+// The global settings record, gbl_config. Types 3 and 4 overlay the message
+// with it, so its layout is fixed: 128 packed bytes, integers little-endian and
+// unaligned.
+#define VORN_LOG_PATH_LEN 117  // 116 characters and the terminator
+
+#pragma pack(push, 1)
+struct gbl_config_t {
+    uint8_t type;  // always 0 in memory; carries the reply flag when sent
+    uint8_t enable;
+    uint8_t loglevel;
+    int32_t time;
+    int32_t size;
+    char log_path[VORN_LOG_PATH_LEN];
+};
+#pragma pack(pop)
+
+static_assert(sizeof(gbl_config_t) == 128, "gbl_config is 128 bytes");
+static_assert(offsetof(gbl_config_t, enable) == 1);
+static_assert(offsetof(gbl_config_t, loglevel) == 2);
+static_assert(offsetof(gbl_config_t, time) == 3);
+static_assert(offsetof(gbl_config_t, size) == 7);
+static_assert(offsetof(gbl_config_t, log_path) == 11);
+
+// The overlay's field offsets, for code that packs or reads message bytes.
+#define VORN_MSG_GBL_ENABLE_OFF offsetof(gbl_config_t, enable)
+#define VORN_MSG_GBL_LOGLEVEL_OFF offsetof(gbl_config_t, loglevel)
+#define VORN_MSG_GBL_TIME_OFF offsetof(gbl_config_t, time)
+#define VORN_MSG_GBL_SIZE_OFF offsetof(gbl_config_t, size)
+#define VORN_MSG_GBL_LOG_PATH_OFF offsetof(gbl_config_t, log_path)
+#define VORN_MSG_GBL_LOG_PATH_LEN VORN_LOG_PATH_LEN
+static_assert(sizeof(gbl_config_t) <= VORN_MSG_SIZE, "gbl_config fits in a control message");
 
 // Type 7 carries the agent line from byte 1 to the end.
 #define VORN_MSG_AGENT_TEXT_OFF 1

@@ -10,9 +10,6 @@
 
 #include "platform/log.h"
 
-vorn_node *vorn_nodes = nullptr;
-int vorn_node_count = 0;
-
 int check_dump_ops(vorn_node *node, const vorn_node_ops *row) {
     if (node == nullptr || row == nullptr)
         return -1;
@@ -135,17 +132,4 @@ int start_detached_thread(void *(*routine)(void *), void *arg, const char *name)
     }
     pthread_attr_destroy(&attr);
     return ret;
-}
-
-uint8_t find_node_index(const char *logname) {
-    if (logname == nullptr || vorn_node_count < 1 || vorn_nodes == nullptr)
-        return VORN_NO_NODE;
-    // The last probe, slot vorn_node_count, is the extra zeroed record.
-    for (int i = 1; i <= vorn_node_count && i < VORN_NO_NODE; i++) {
-        if (strcmp(logname, vorn_nodes[i].logname) == 0) {
-            VLOGD("find %s at index %d", logname, i);
-            return static_cast<uint8_t>(i);
-        }
-    }
-    return VORN_NO_NODE;
 }

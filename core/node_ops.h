@@ -23,7 +23,3 @@ void vorn_node_create_work_thread(vorn_node *node);
 
 // Creates a detached thread and names it; 0 or -1.
 int start_detached_thread(void *(*routine)(void *), void *arg, const char *name);
-
-// Slot index (1-254) of the node named exactly logname, or 255.
-uint8_t find_node_index(const char *logname);
-#define VORN_NO_NODE 255

@@ -1,4 +1,4 @@
-// Helpers shared by the dump parser's files: owned descriptors, little-endian
+// Helpers shared by the dump parser's files: little-endian
 // fields, path joins and the address-to-image lookup.
 #pragma once
 
@@ -8,28 +8,11 @@
 #include <cstdio>
 #include <memory>
 
+#include "dumpparser/dp_log.h"
+#include "platform/io.h"
+
 // Every message of the dump parser starts with its tag.
 #define DP VORN_DP_TAG
-
-class dp_fd {
-  public:
-    explicit dp_fd(int fd = -1) : fd_(fd) {}
-    ~dp_fd() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    dp_fd(const dp_fd &) = delete;
-    dp_fd &operator=(const dp_fd &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-struct dp_file_closer {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using dp_file = std::unique_ptr<FILE, dp_file_closer>;
 
 inline uint32_t dp_le32(const uint8_t *p) {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
@@ -44,9 +27,6 @@ inline uint16_t dp_le16(const uint8_t *p) {
 // "dir/name" into out; -1 when it does not fit, so that a cut path never
 // names some other file.
 int dp_join(char *out, size_t out_len, const char *dir, const char *name);
-
-// read(2) until len bytes or end of file; the count read, or -1.
-ssize_t dp_read_full(int fd, void *buf, size_t len);
 
 // Seeks fd to off; -1 (errno set) when off does not fit an off_t.
 int dp_seek(int fd, uint64_t off);

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string>
 
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
 #include "platform/root.h"
 
 namespace {
@@ -43,7 +43,7 @@ class window_reader {
             }
             if (dp_seek(fd_, p) < 0)
                 return -1;
-            ssize_t n = dp_read_full(fd_, buf_, sizeof(buf_));
+            ssize_t n = read_full(fd_, buf_, sizeof(buf_));
             if (n <= 0)
                 break;
             start_ = p;
@@ -73,15 +73,7 @@ class kmsg_writer {
         if (pending_.empty())
             return 0;
         size_t done = 0;
-        while (done < pending_.size()) {
-            ssize_t n = write(fd_, pending_.data() + done, pending_.size() - done);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                break;
-            done += static_cast<size_t>(n);
-        }
-        if (done != pending_.size()) {
+        if (write_all(fd_, pending_.data(), pending_.size(), &done) < 0) {
             DPLOGE("%s: Failed to write, wlen(%d) != len(%d): %s", DP, static_cast<int>(done),
                    static_cast<int>(pending_.size()), strerror(errno));
             return -1;
@@ -115,7 +107,7 @@ int copy_raw(int in, kmsg_writer &out, uint64_t off, uint32_t len, const char *i
     for (uint32_t left = len; left > 0;) {
         size_t want = left < kChunk ? left : kChunk;
         errno = 0;
-        ssize_t got = dp_read_full(in, buf, want);
+        ssize_t got = read_full(in, buf, want);
         if (got != static_cast<ssize_t>(want)) {
             log_short_read(got, want);
             return -1;
@@ -201,13 +193,13 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
 
 int dumpparser_dump_kmsg(uint64_t off, uint32_t len, int64_t first_idx, const char *image,
                          const char *out) {
-    dp_fd in(open(vorn_path(image).c_str(), O_RDONLY | O_CLOEXEC));
+    unique_fd in(open(vorn_path(image).c_str(), O_RDONLY | O_CLOEXEC));
     if (in.get() < 0) {
         // Named after the first image whichever one holds the log.
         DPLOGE("%s: Failed to open DDRCS0: %s", DP, strerror(errno));
         return -1;
     }
-    dp_fd fd(open(vorn_path(out).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    unique_fd fd(open(vorn_path(out).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0) {
         DPLOGE("%s: Failed to create kmsg:%s", DP, strerror(errno));
         return -1;

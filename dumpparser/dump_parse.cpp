@@ -10,9 +10,10 @@
 #include <memory>
 
 #include "core/shell.h"
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
+#include "platform/io.h"
 #include "platform/root.h"
 
 namespace {
@@ -45,13 +46,12 @@ struct dump_ctx {
     char image[256];  // path of the image last located
 };
 
-uint64_t file_size(const char *device_path) {
-    struct stat st;
-    if (stat(vorn_path(device_path).c_str(), &st) < 0) {
+uint64_t image_size(const char *device_path) {
+    bool known = false;
+    uint64_t size = file_size(device_path, &known);
+    if (!known)
         DPLOGE("%s: %s open failed: %s", DP, device_path, strerror(errno));
-        return 0;
-    }
-    return static_cast<uint64_t>(st.st_size);
+    return size;
 }
 
 // Finds the image holding addr and names it in ctx.image; -1 when none does.
@@ -75,7 +75,7 @@ int load_segments(dump_ctx &ctx) {
         }
         if (dp_join(path, sizeof(path), ctx.dir, name) < 0)
             return -1;
-        ctx.seg.size[i] = file_size(path);
+        ctx.seg.size[i] = image_size(path);
         if (ctx.seg.size[i] == 0) {
             DPLOGE("%s: %s is empty.\n", DP, path);
             return -1;
@@ -196,10 +196,8 @@ int dumpparser_extract(const char *dir, int version, char *reason) {
     if (ctx.seg.count == 0)
         return 0;
     size_t n = static_cast<size_t>(ctx.seg.count);
-    std::unique_ptr<uint64_t, decltype(&free)> base(
-        static_cast<uint64_t *>(calloc(n, sizeof(uint64_t))), free);
-    std::unique_ptr<uint64_t, decltype(&free)> size(
-        static_cast<uint64_t *>(calloc(n, sizeof(uint64_t))), free);
+    unique_malloc<uint64_t> base(static_cast<uint64_t *>(calloc(n, sizeof(uint64_t))));
+    unique_malloc<uint64_t> size(static_cast<uint64_t *>(calloc(n, sizeof(uint64_t))));
     if (!base || !size) {
         DPLOGE("%s, unable to malloc offset_ddr or size_ddr.\n", DP);
         return -1;

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
 
 pthread_mutex_t dump_list_mutex = PTHREAD_MUTEX_INITIALIZER;
 pdump_entry *dump_list_head = nullptr;

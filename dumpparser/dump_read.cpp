@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
 #include "platform/root.h"
 
 int dp_join(char *out, size_t out_len, const char *dir, const char *name) {
@@ -19,21 +19,6 @@ int dp_join(char *out, size_t out_len, const char *dir, const char *name) {
         return -1;
     }
     return 0;
-}
-
-ssize_t dp_read_full(int fd, void *buf, size_t len) {
-    size_t got = 0;
-    while (got < len) {
-        ssize_t n = read(fd, static_cast<char *>(buf) + got, len - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        got += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(got);
 }
 
 int dp_seek(int fd, uint64_t off) {
@@ -56,7 +41,7 @@ int dp_locate(const dp_segments &seg, uint64_t addr, uint64_t *off) {
 }
 
 int dumpparser_read_at(uint64_t off, const char *file, size_t len, void *buf) {
-    dp_fd fd(open(vorn_path(file).c_str(), O_RDONLY | O_CLOEXEC));
+    unique_fd fd(open(vorn_path(file).c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
         DPLOGE("%s: %s open failed: %s", DP, file, strerror(errno));
         return -1;
@@ -67,7 +52,7 @@ int dumpparser_read_at(uint64_t off, const char *file, size_t len, void *buf) {
         return -1;
     }
     errno = 0;
-    ssize_t n = dp_read_full(fd.get(), buf, len);
+    ssize_t n = read_full(fd.get(), buf, len);
     if (n != static_cast<ssize_t>(len)) {
         DPLOGE("%s: Failed to read, rlen(%d) != len(%d): %s", DP, static_cast<int>(n),
                static_cast<int>(len), strerror(errno));
@@ -77,7 +62,7 @@ int dumpparser_read_at(uint64_t off, const char *file, size_t len, void *buf) {
 }
 
 int dumpparser_count_segments(const char *dir, const char *text) {
-    std::unique_ptr<DIR, int (*)(DIR *)> d(opendir(vorn_path(dir).c_str()), closedir);
+    unique_dir d(opendir(vorn_path(dir).c_str()));
     if (!d) {
         DPLOGE("%s: unable to opendir %s.\n", DP, dir);
         return 0;
@@ -96,7 +81,7 @@ int dumpparser_segment_base(const char *dir, int index, uint64_t *base) {
         DPLOGE("%s: %s/load.cmm open failed: %s", DP, dir, strerror(ENAMETOOLONG));
         return -1;
     }
-    dp_file f(fopen(vorn_path(path).c_str(), "re"));
+    unique_file f(fopen(vorn_path(path).c_str(), "re"));
     if (!f) {
         DPLOGE("%s: %s open failed: %s", DP, path, strerror(errno));
         return -1;

@@ -1,9 +1,9 @@
 // The crash reason in an extracted kernel log.
 #include <cstring>
 
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
 #include "platform/root.h"
 
 char dumpparser_reasons[DUMPPARSER_REASONS][40] = {
@@ -39,7 +39,7 @@ bool subsystem_reason(char *line, char *reason) {
 }  // namespace
 
 void get_reason(const char *file, char *reason) {
-    dp_file f(fopen(vorn_path(file).c_str(), "re"));
+    unique_file f(fopen(vorn_path(file).c_str(), "re"));
     if (!f) {
         DPLOGE("Failed to open %s!", file);
         return;

@@ -1,7 +1,7 @@
 // Lookups in the memory dump table the boot loader leaves in DDR.
+#include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
-#include "platform/log.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
 #include "platform/log.h"
+#include "platform/io.h"
 
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -29,20 +30,6 @@ char priority_letter(int prio) {
             return 'S';
         default:
             return '?';
-    }
-}
-
-// One write(2) per line so that lines of concurrent threads never interleave.
-void write_all(int fd, const char *buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, buf, len);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
-        }
-        buf += n;
-        len -= static_cast<size_t>(n);
     }
 }
 

@@ -6,19 +6,12 @@
 #include <android/log.h>
 
 #define VORN_LOG_TAG "vornd"
-#define VORN_DP_TAG "DumpParser"
 
 #define VLOG(prio, ...) __android_log_buf_print(LOG_ID_SYSTEM, (prio), VORN_LOG_TAG, __VA_ARGS__)
 #define VLOGD(...) VLOG(ANDROID_LOG_DEBUG, __VA_ARGS__)
 #define VLOGI(...) VLOG(ANDROID_LOG_INFO, __VA_ARGS__)
 #define VLOGW(...) VLOG(ANDROID_LOG_WARN, __VA_ARGS__)
 #define VLOGE(...) VLOG(ANDROID_LOG_ERROR, __VA_ARGS__)
-
-// The dump parser logs under its own tag.
-#define DPLOG(prio, ...) __android_log_buf_print(LOG_ID_SYSTEM, (prio), VORN_DP_TAG, __VA_ARGS__)
-#define DPLOGD(...) DPLOG(ANDROID_LOG_DEBUG, __VA_ARGS__)
-#define DPLOGI(...) DPLOG(ANDROID_LOG_INFO, __VA_ARGS__)
-#define DPLOGE(...) DPLOG(ANDROID_LOG_ERROR, __VA_ARGS__)
 
 // Installs the process logger. On Android liblog's own logd logger stays; on a
 // host every priority, debug included, is printed on stderr. Idempotent.

@@ -1,4 +1,5 @@
 #include "platform/properties.h"
+#include "platform/io.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -117,19 +118,10 @@ int vorn_property_set(const char *key, const char *value) {
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return -1;
-    const char *p = out.data();
-    size_t left = out.size();
-    while (left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            close(fd);
-            unlink(tmp.c_str());
-            return -1;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
+    if (write_all(fd, out.data(), out.size()) < 0) {
+        close(fd);
+        unlink(tmp.c_str());
+        return -1;
     }
     if (close(fd) != 0 || rename(tmp.c_str(), file.c_str()) != 0) {
         unlink(tmp.c_str());

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "agent/dagt_cmds.h"
-#include "qdss/qmi_client.h"
+#include "qmi/qmi_client.h"
+#include "sim/fake_qmi_service.h"
 #include "tests/agent/agent_fixture.h"
-#include "tests/support/fake_qmi_service.h"
 
 namespace {
 
@@ -179,7 +179,7 @@ TEST(SwtTest, RemoteEntitiesGoOverQmi) {
     EXPECT_EQ(r.text_len, 0);
     EXPECT_TRUE(log.has_containing("qmi_client_init failed"));
 
-    FakeQmiService modem(root, 2), wcn(root, 3), venus(root, 6);
+    FakeQmiService modem(root.path(), 2), wcn(root.path(), 3), venus(root.path(), 6);
     const struct {
         const char *line;
         FakeQmiService *service;

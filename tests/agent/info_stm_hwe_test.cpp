@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "agent/dagt_state.h"
-#include "qdss/qmi_client.h"
+#include "qmi/qmi_client.h"
+#include "sim/fake_qmi_service.h"
 #include "tests/agent/agent_fixture.h"
-#include "tests/support/fake_qmi_service.h"
 
 namespace {
 
@@ -103,7 +103,7 @@ TEST(HweTest, RegisterWrites) {
 TEST(HweTest, ModemRegisterWriteGoesOverQmi) {
     TempRoot root;
     LogCapture log;
-    FakeQmiService modem(root, 2);
+    FakeQmiService modem(root.path(), 2);
     dagt_result r;
     EXPECT_EQ(agent_run("hwe modem setreg addr 0x10 value 5", &r), 0u);
     EXPECT_EQ(agent_run("hwe modem setreg addr 010 value 0xffffffff", &r), 0u);

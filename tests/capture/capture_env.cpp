@@ -11,9 +11,10 @@
 #include <deque>
 #include <filesystem>
 
+#include "capture/capture_pipe.h"
 #include "capture/logger_entry.h"
-#include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
+#include "core/node_ops.h"
 
 namespace fs = std::filesystem;
 
@@ -57,6 +58,10 @@ std::string device_log_root(const std::string &tag) {
     return fresh_log_root(tag, "").substr(capture_root().path().size());
 }
 
+// The row every capture node of the daemon's register table has.
+const vorn_node_ops kCaptureRow = {"Default", check_capture_ops, set_node_state, set_node_state,
+                                   capture_pipe};
+
 vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, const char *filepath,
                      int32_t size) {
     static auto *arena = new std::deque<vorn_node>();  // workers hold their node for ever
@@ -68,7 +73,7 @@ vorn_node *make_node(const char *name, uint8_t logtype, const char *provider, co
     node.size = size;
     node.log_provider = strdup(provider);
     node.log_filepath = strdup(filepath);
-    vorn_node_ops_init(&node);
+    node.ops = &kCaptureRow;
     return &node;
 }
 

@@ -10,9 +10,9 @@
 
 #include "capture/logd_capture.h"
 #include "platform/logd_reader.h"
+#include "sim/fake_logd.h"
 #include "tests/capture/capture_env.h"
 #include "tests/support/log_capture.h"
-#include "tools/fake_logd/fake_logd.h"
 
 namespace {
 

@@ -9,9 +9,10 @@
 #include <string>
 
 #include "core/config.h"
-#include "core/daemon/startup.h"
+#include "core/file_util.h"
 #include "core/gbl_config.h"
 #include "core/node.h"
+#include "core/node_table.h"
 #include "tests/core/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"

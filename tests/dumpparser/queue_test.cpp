@@ -5,7 +5,6 @@
 #include <cstring>
 #include <functional>
 
-#include "core/daemon/register_table.h"
 #include "core/node_ops.h"
 #include "dumpparser/dumpparser.h"
 #include "tests/dumpparser/dump_env.h"
@@ -14,6 +13,10 @@ namespace {
 
 using namespace dumpgen;
 
+// The DumpParser row of the daemon's register table.
+const vorn_node_ops kDumpParserRow = {"DumpParser", check_dump_ops, dumpparser_enable,
+                                      dumpparser_disable, dumpparser_produce_thread};
+
 class QueueTest : public DumpEnv {
   protected:
     void SetUp() override {
@@ -21,7 +24,7 @@ class QueueTest : public DumpEnv {
         pthread_mutex_init(&node.lock, nullptr);
         snprintf(node.logname, sizeof(node.logname), "DumpParser");
         node.logtype = VORN_LOGTYPE_DUMP;
-        node.ops = &vorn_register_table[13];
+        node.ops = &kDumpParserRow;
     }
     void TearDown() override {
         pthread_mutex_destroy(&node.lock);
@@ -54,8 +57,7 @@ class QueueTest : public DumpEnv {
 };
 
 TEST_F(QueueTest, OpsStoreStateAndPath) {
-    const vorn_node_ops &row = vorn_register_table[13];
-    ASSERT_STREQ(row.logname, "DumpParser");
+    const vorn_node_ops &row = kDumpParserRow;
     EXPECT_EQ(check_dump_ops(&node, &row), 0);
     node.logtype = 0;
     EXPECT_EQ(check_dump_ops(&node, &row), -1);

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "tests/e2e/daemon_fixture.h"
 #include "tests/support/conf_text.h"
+#include "tests/support/daemon_fixture.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "platform/qmi_transport.h"
-#include "qdss/qdss_qmi_service.h"
+#include "qmi/qdss_qmi_service.h"
 #include "tests/fuzz/fuzz_util.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {

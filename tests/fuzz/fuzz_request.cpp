@@ -17,10 +17,11 @@
 
 #include "core/cmd_list.h"
 #include "core/config.h"
-#include "core/daemon/control_request.h"
-#include "core/daemon/dispatcher.h"
-#include "core/daemon/startup.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
+#include "daemon/control_request.h"
+#include "daemon/dispatcher.h"
+#include "daemon/register_table.h"
 #include "platform/root.h"
 #include "tests/fuzz/fuzz_util.h"
 
@@ -80,6 +81,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     std::filesystem::create_directories(g_root + "/data");
     std::ofstream(g_root + "/etc/vorn-conf.xml") << kConf;
     vorn_set_root(g_root.c_str());
+    vorn_use_register_table();
     fuzz_quiet();
     cmd_list_init();
     return 0;

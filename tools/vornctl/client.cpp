@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/io.h"
 #include "tools/vornctl/vornctl.h"
 
 namespace {
@@ -19,21 +20,6 @@ constexpr int kDefaultReplyTimeoutSec = 10;
 std::string socket_path(const ctl_options &o) {
     return o.socket.empty() ? ctl_host_path(o, "/dev/socket/vornd") : o.socket;
 }
-
-class unique_fd {
-  public:
-    explicit unique_fd(int fd) : fd_(fd) {}
-    ~unique_fd() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-#include "qdss/qdss_qmi_service.h"
+#include "qmi/qdss_qmi_service.h"
 
 #include <cstddef>
 

@@ -1,4 +1,4 @@
-#include "core/daemon/control_request.h"
+#include "daemon/control_request.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +9,7 @@
 #include "core/config.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
 #include "platform/log.h"
 
 namespace {

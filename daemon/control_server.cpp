@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/daemon/control_request.h"
-#include "core/daemon/control_socket.h"
-#include "core/daemon/startup.h"
-#include "core/node.h"
+#include "core/node_table.h"
+#include "daemon/control_request.h"
+#include "daemon/control_socket.h"
+#include "daemon/startup.h"
 #include "platform/log.h"
 
 namespace {

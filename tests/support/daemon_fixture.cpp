@@ -1,4 +1,4 @@
-#include "tests/e2e/daemon_fixture.h"
+#include "tests/support/daemon_fixture.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

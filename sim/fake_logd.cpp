@@ -1,4 +1,4 @@
-#include "tools/fake_logd/fake_logd.h"
+#include "sim/fake_logd.h"
 
 #include <fcntl.h>
 #include <linux/sockios.h>

@@ -1,4 +1,4 @@
-#include "core/daemon/startup.h"
+#include "daemon/startup.h"
 
 int main(int argc, char **argv) {
     return vornd_main(argc, argv);

@@ -1,13 +1,12 @@
-#include "tests/support/fake_qmi_service.h"
+#include "sim/fake_qmi_service.h"
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
-
-#include "tests/support/temp_root.h"
 
 std::vector<uint8_t> qmi_answer_bytes(uint16_t txn, uint16_t msg_id, uint16_t result,
                                       uint16_t error) {
@@ -18,9 +17,12 @@ std::vector<uint8_t> qmi_answer_bytes(uint16_t txn, uint16_t msg_id, uint16_t re
             0x02, 4,       0,       lo(result), hi(result), lo(error), hi(error)};
 }
 
-FakeQmiService::FakeQmiService(const TempRoot &root, uint32_t instance) {
-    root.mkdir("/dev/qrtr");
-    path_ = root.at("/dev/qrtr/51." + std::to_string(instance));
+FakeQmiService::FakeQmiService(const std::string &root_dir, uint32_t instance) {
+    std::string dir = root_dir + "/dev";
+    ::mkdir(dir.c_str(), 0755);
+    dir += "/qrtr";
+    ::mkdir(dir.c_str(), 0755);
+    path_ = dir + "/51." + std::to_string(instance);
     unlink(path_.c_str());
     listen_fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     sockaddr_un addr = {};

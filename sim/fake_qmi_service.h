@@ -1,4 +1,4 @@
-// A fake QDSS QMI service for tests: listens on <root>/dev/qrtr/51.<instance>
+// A fake QDSS QMI service: listens on <root>/dev/qrtr/51.<instance>
 // (SOCK_SEQPACKET), records every request and answers as told.
 #pragma once
 
@@ -8,8 +8,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-class TempRoot;
 
 class FakeQmiService {
   public:
@@ -23,7 +21,8 @@ class FakeQmiService {
         kHangUp,           // closes the connection
     };
 
-    FakeQmiService(const TempRoot &root, uint32_t instance);
+    // root_dir is the host directory of the device root.
+    FakeQmiService(const std::string &root_dir, uint32_t instance);
     ~FakeQmiService();
 
     void set_reply(Reply reply, uint16_t error = 0) {

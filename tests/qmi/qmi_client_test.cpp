@@ -1,16 +1,15 @@
 // The QDSS QMI client against a fake service on the host transport.
-#include "qdss/qmi_client.h"
+#include "qmi/qmi_client.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <vector>
 
-#include "qdss/qdss_qmi_service.h"
-#include "tests/support/fake_qmi_service.h"
+#include "qmi/qdss_qmi_service.h"
+#include "sim/fake_qmi_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 
@@ -18,15 +17,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Reply = FakeQmiService::Reply;
-
-// A record that a dropped code must leave exactly as it was.
-dagt_result marked_result() {
-    dagt_result r = {};
-    r.code = 5;
-    r.text_len = 3;
-    strcpy(r.text, "old");
-    return r;
-}
 
 class QmiClientTest : public ::testing::Test {
   protected:
@@ -37,18 +27,13 @@ class QmiClientTest : public ::testing::Test {
 
 // Both requests byte for byte; one connection per instance until the release.
 TEST_F(QmiClientTest, RequestsShareOneConnectionUntilRelease) {
-    FakeQmiService modem(root, 2), wcn(root, 3);
-    dagt_result r = marked_result();
-    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
-    EXPECT_EQ(r.code, 0);
-    EXPECT_STREQ(r.text, "Debug Agent run cmd success");
-    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_DIAG, 1);
-    EXPECT_EQ(r.code, 0);
-    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
-    qmi_set_hw_reg(&r, 2, 0x12345678, 0x9abcdef0);
-    EXPECT_EQ(r.code, 0);
-    ASSERT_EQ(qmi_qdss_client_init(3, &r), 0);
-    qmi_set_entity_state(&r, 3, QDSS_QMI_ENTITY_ULOG, 1);
+    FakeQmiService modem(root.path(), 2), wcn(root.path(), 3);
+    ASSERT_EQ(qmi_qdss_client_init(2), QMI_QDSS_OK);
+    EXPECT_EQ(qmi_set_entity_state(2, QDSS_QMI_ENTITY_DIAG, 1), QMI_QDSS_OK);
+    ASSERT_EQ(qmi_qdss_client_init(2), QMI_QDSS_CONNECTED);
+    EXPECT_EQ(qmi_set_hw_reg(2, 0x12345678, 0x9abcdef0), QMI_QDSS_OK);
+    ASSERT_EQ(qmi_qdss_client_init(3), QMI_QDSS_OK);
+    EXPECT_EQ(qmi_set_entity_state(3, QDSS_QMI_ENTITY_ULOG, 1), QMI_QDSS_OK);
 
     std::vector<Bytes> req = modem.requests();
     ASSERT_EQ(req.size(), 2u);
@@ -63,26 +48,23 @@ TEST_F(QmiClientTest, RequestsShareOneConnectionUntilRelease) {
 
     qmi_qdss_client_release();
     // Released: a send without a new init goes nowhere.
-    r = marked_result();
-    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
-    EXPECT_EQ(r.code, 5);
-    ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
-    qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+    EXPECT_EQ(qmi_set_entity_state(2, QDSS_QMI_ENTITY_TDS, 1), QMI_QDSS_SEND_ERR);
+    ASSERT_EQ(qmi_qdss_client_init(2), QMI_QDSS_OK);
+    EXPECT_EQ(qmi_set_entity_state(2, QDSS_QMI_ENTITY_TDS, 1), QMI_QDSS_OK);
     EXPECT_EQ(modem.connections(), 2);
     ASSERT_EQ(modem.requests().size(), 3u);
     EXPECT_EQ(modem.requests()[2][1], 1);  // a new connection counts from 1 again
 }
 
-TEST_F(QmiClientTest, InitFailuresLeaveTheRecordAlone) {
+TEST_F(QmiClientTest, InitFailures) {
     // The service description is handed out for exactly 1.0 and tool 6.
     EXPECT_NE(qdss_get_service_object_internal_v01(1, 0, 6), nullptr);
     EXPECT_EQ(qdss_get_service_object_internal_v01(1, 1, 6), nullptr);
     EXPECT_EQ(qdss_get_service_object_internal_v01(2, 0, 6), nullptr);
     EXPECT_EQ(qdss_get_service_object_internal_v01(1, 0, 5), nullptr);
 
-    dagt_result r = marked_result();
-    EXPECT_EQ(qmi_qdss_client_init(11, &r), -1);
-    EXPECT_EQ(qmi_qdss_client_init(0xffffffffu, &r), -1);
+    EXPECT_EQ(qmi_qdss_client_init(11), QMI_QDSS_INVALID_ID);
+    EXPECT_EQ(qmi_qdss_client_init(0xffffffffu), QMI_QDSS_INVALID_ID);
     EXPECT_FALSE(log.has_containing("qmi_client_init failed"));
 
     // No service at the instance (and no QRTR on a plain host).
@@ -91,14 +73,12 @@ TEST_F(QmiClientTest, InitFailuresLeaveTheRecordAlone) {
         close(probe);
         GTEST_SKIP() << "this kernel has QRTR: a missing service would be waited for";
     }
-    EXPECT_EQ(qmi_qdss_client_init(4, &r), -1);
+    EXPECT_EQ(qmi_qdss_client_init(4), QMI_QDSS_INIT_ERR);
     EXPECT_TRUE(log.has_containing("qmi_adc_client_init: qmi_client_init failed. rc = "));
-    EXPECT_EQ(r.code, 5);
-    EXPECT_STREQ(r.text, "old");
 }
 
 // Every bad answer fails at once, a service that never answers after 5
-// seconds; the record stays as it was. A late answer of another transaction
+// seconds. A late answer of another transaction
 // is skipped.
 TEST_F(QmiClientTest, BadAnswers) {
     const struct {
@@ -118,24 +98,21 @@ TEST_F(QmiClientTest, BadAnswers) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        FakeQmiService modem(root, 2);
+        FakeQmiService modem(root.path(), 2);
         modem.set_reply(c.reply, c.error);
-        dagt_result r = marked_result();
-        ASSERT_EQ(qmi_qdss_client_init(2, &r), 0);
-        r = marked_result();
+        ASSERT_EQ(qmi_qdss_client_init(2), QMI_QDSS_OK);
         log.clear();
         auto start = std::chrono::steady_clock::now();
-        qmi_set_entity_state(&r, 2, QDSS_QMI_ENTITY_TDS, 1);
+        qmi_qdss_status st = qmi_set_entity_state(2, QDSS_QMI_ENTITY_TDS, 1);
         auto waited = std::chrono::steady_clock::now() - start;
         bool silent = c.reply == Reply::kStaleOnly;
         EXPECT_GE(waited, std::chrono::milliseconds(silent ? 4900 : 0));
         EXPECT_LT(waited, std::chrono::seconds(silent ? 8 : 2));
         if (c.log_line == nullptr) {
-            EXPECT_EQ(r.code, 0);
+            EXPECT_EQ(st, QMI_QDSS_OK);
         } else {
             EXPECT_TRUE(log.has_containing(c.log_line)) << log.dump();
-            EXPECT_EQ(r.code, 5);
-            EXPECT_STREQ(r.text, "old");
+            EXPECT_EQ(st, QMI_QDSS_SEND_ERR);
         }
         qmi_qdss_client_release();
     }

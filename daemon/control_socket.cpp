@@ -1,4 +1,4 @@
-#include "core/daemon/control_socket.h"
+#include "daemon/control_socket.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "core/config.h"
-#include "core/daemon/register_table.h"
-#include "core/daemon/startup.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
+#include "daemon/register_table.h"
 #include "tests/core/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
@@ -20,7 +20,8 @@ namespace {
 class RegistryTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        reset_daemon_state();
+        reset_daemon_state(false);
+        vorn_use_register_table();
         root.mkdir("/data");
     }
     void TearDown() override { reset_daemon_state(); }

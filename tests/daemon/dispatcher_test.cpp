@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "core/config.h"
-#include "core/daemon/dispatcher.h"
-#include "core/daemon/startup.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
+#include "daemon/dispatcher.h"
+#include "daemon/register_table.h"
 #include "tests/core/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
@@ -48,7 +49,8 @@ const vorn_node_ops kRecordingRow = {"Recording", nullptr, rec_enable, rec_disab
 class DispatcherTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        reset_daemon_state();
+        reset_daemon_state(false);
+        vorn_use_register_table();
         g_calls.clear();
         g_op_result = 0;
         g_op_stores = true;

@@ -1,4 +1,4 @@
-#include "core/daemon/dispatcher.h"
+#include "daemon/dispatcher.h"
 
 #include <unistd.h>
 
@@ -8,6 +8,7 @@
 
 #include "core/config.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
 #include "platform/log.h"
 
 namespace {

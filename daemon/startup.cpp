@@ -1,4 +1,4 @@
-#include "core/daemon/startup.h"
+#include "daemon/startup.h"
 
 #include <grp.h>
 #include <unistd.h>
@@ -11,11 +11,12 @@
 #include "agent/dagt.h"
 #include "core/cmd_list.h"
 #include "core/config.h"
-#include "core/daemon/control_socket.h"
-#include "core/daemon/dispatcher.h"
-#include "core/daemon/register_table.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
+#include "core/node_table.h"
+#include "daemon/control_socket.h"
+#include "daemon/dispatcher.h"
+#include "daemon/register_table.h"
 #include "platform/log.h"
 #include "platform/root.h"
 #include "qdss/qdss.h"
@@ -23,10 +24,6 @@
 namespace {
 
 constexpr gid_t kDiagGroup = 3009;  // Android's diagnostic group
-
-const char *or_null(const char *s) {
-    return s ? s : "(null)";
-}
 
 void usage(FILE *out) {
     fprintf(out,
@@ -73,79 +70,7 @@ int parse_args(int argc, char **argv, const char **root) {
     return -1;
 }
 
-xmlNodePtr next_element(xmlNodePtr n) {
-    while (n != nullptr && n->type != XML_ELEMENT_NODE)
-        n = n->next;
-    return n;
-}
-
-void release_node_texts(vorn_node *node) {
-    free(node->log_provider);
-    free(node->log_filepath);
-    free(node->mask_link);
-}
-
 }  // namespace
-
-int vornd_load_nodes(int elements, bool start_workers) {
-    // One record per element, and one more zeroed record for the last probe
-    // of find_node_index.
-    vorn_nodes =
-        static_cast<vorn_node *>(calloc(static_cast<size_t>(elements) + 1, sizeof(vorn_node)));
-    if (vorn_nodes == nullptr) {
-        VLOGE("Can't allocate memory for vorn_nodes. err:%s", strerror(errno));
-        return -1;
-    }
-    vorn_node_count = elements;
-
-    pthread_mutex_init(&gbl_config_mutex, nullptr);
-    xmlNodePtr global = next_element(vorn_conf_root->children);
-    vorn_config_fill_global(global);
-
-    int slot = 1;
-    bool slot_dirty = false;
-    for (xmlNodePtr el = next_element(global ? global->next : nullptr); el != nullptr;
-         el = next_element(el->next)) {
-        vorn_node *node = &vorn_nodes[slot];
-        // A dropped node's slot is reused as it is: texts the next element
-        // lacks keep the dropped node's values.
-        vorn_config_fill_node(node, slot, el, global);
-        if (vorn_node_ops_init(node) != 0) {
-            vorn_node_count--;
-            pthread_mutex_destroy(&node->lock);
-            slot_dirty = true;
-            continue;
-        }
-        slot_dirty = false;
-        VLOGD(
-            "logid %d, enable %d , loglevel %d ,logtype %d , log_provider %s , log_filepath %s "
-            ",logname "
-            "%s ,mask %s",
-            node->logid, node->enable, node->loglevel, node->logtype, or_null(node->log_provider),
-            or_null(node->log_filepath), node->logname, node->mask);
-        if (node->enable && start_workers)
-            vorn_node_create_work_thread(node);
-        slot++;
-    }
-    // If the last element was dropped its values sit in the slot that
-    // find_node_index probes last; that probe must read an empty record.
-    if (slot_dirty) {
-        release_node_texts(&vorn_nodes[slot]);
-        memset(&vorn_nodes[slot], 0, sizeof(vorn_node));
-    }
-    return 0;
-}
-
-void vornd_free_nodes() {
-    if (vorn_nodes != nullptr) {
-        // Slots past the count are zeroed (see vornd_load_nodes).
-        for (int i = 0; i <= vorn_node_count; i++)
-            release_node_texts(&vorn_nodes[i]);
-        free(vorn_nodes);
-    }
-    vorn_nodes = nullptr;
-    vorn_node_count = 0;
-}
 
 int vornd_main(int argc, char **argv) {
     const char *root = nullptr;
@@ -163,6 +88,7 @@ int vornd_main(int argc, char **argv) {
         }
     }
 
+    vorn_use_register_table();
     int elements = vorn_config_choose();
     if (elements < 0) {
         rc = -1;
