@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <sstream>
 
 std::string build_binary(const char *name) {
@@ -195,10 +196,26 @@ std::string msg_bytes(const vorn_ctrl_msg &msg) {
     return std::string(reinterpret_cast<const char *>(&msg), sizeof msg);
 }
 
-long long log_line_ms(std::string_view line) {
+long long log_line_ms(std::string_view line, time_t now) {
     int mon, day, h, m, s, ms;
     std::string l(line.substr(0, 18));
     if (sscanf(l.c_str(), "%2d-%2d %2d:%2d:%2d.%3d", &mon, &day, &h, &m, &s, &ms) != 6)
         return -1;
-    return ((day * 24LL + h) * 60 + m) * 60000LL + s * 1000LL + ms;
+    // The line has no year: it is this year's, unless its month lies ahead of
+    // today's (a run that crossed New Year's Eve). mktime then takes care of
+    // month ends and of the daylight-saving offset in force at that time.
+    struct tm today;
+    localtime_r(&now, &today);
+    struct tm t = {};
+    t.tm_year = today.tm_year - (mon - 1 > today.tm_mon ? 1 : 0);
+    t.tm_mon = mon - 1;
+    t.tm_mday = day;
+    t.tm_hour = h;
+    t.tm_min = m;
+    t.tm_sec = s;
+    t.tm_isdst = -1;
+    time_t at = mktime(&t);
+    if (at == static_cast<time_t>(-1))
+        return -1;
+    return static_cast<long long>(at) * 1000 + ms;
 }

@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -95,9 +96,10 @@ vorn_ctrl_msg ctrl_msg(uint8_t type, const char *logname = "", uint8_t enable = 
 // The message as the bytes a client sends.
 std::string msg_bytes(const vorn_ctrl_msg &msg);
 
-// Milliseconds since the start of the month of a threadtime log line's stamp
-// ("MM-DD HH:MM:SS.mmm ..."), or -1 when the line has none.
-long long log_line_ms(std::string_view line);
+// Milliseconds since the epoch of a threadtime log line's local stamp
+// ("MM-DD HH:MM:SS.mmm ..."), or -1 when the line has none. The year is the
+// one of now, or the one before when the month lies ahead of now's.
+long long log_line_ms(std::string_view line, time_t now = time(nullptr));
 
 // The path of a binary of the build directory.
 std::string build_binary(const char *name);
