@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "archive/entry_size.h"
@@ -138,17 +139,38 @@ void add_entries(zipFile zf, char *buf, DIR *dir, const char *src, char *desc_pa
     }
 }
 
-// Writes the archive name from src. Returns the result of the notice.
-int write_archive(const char *name, const char *src, char *desc_path, bool *too_large) {
+void remove_file(const char *path) {
+    if (remove(vorn_path(path).c_str()) != 0 && errno != ENOENT)
+        VLOGE("%s: Failed to remove %s: %s", kDaemon, path, strerror(errno));
+}
+
+// Requests are written one at a time: two into the same archive would
+// otherwise both append to it and leave one central directory.
+std::mutex g_archive_lock;
+
+// Writes the archive name from src. The entries go into a copy of the
+// archive ("<name>.part") that replaces it only once it is closed, so a
+// failure leaves the archive exactly as earlier requests left it. *had_entries
+// tells whether the archive held any before. Returns the result of the notice.
+int write_archive(const char *name, const char *src, char *desc_path, bool *too_large,
+                  bool *had_entries) {
     // The archive was just created empty, and there is no zip to add into
     // yet: such a file is opened as a new archive.
     bool known = false;
     uint64_t size = file_size(name, &known);
     if (!known)
         VLOGE("Get size of %s error %s", name, strerror(errno));
-    int append = size == 0 ? APPEND_STATUS_CREATE : APPEND_STATUS_ADDINZIP;
-    zipFile zf = zipOpen(vorn_path(name).c_str(), append);
+    *had_entries = size > 0;
+    std::string part = std::string(name) + ".part";
+    if (*had_entries && copy_file(part.c_str(), name) != 0) {
+        remove_file(part.c_str());
+        VLOGE("%s: Zip Open failed.\n", kDaemon);
+        return VORN_ZIP_OPEN_FAILED;
+    }
+    int append = *had_entries ? APPEND_STATUS_ADDINZIP : APPEND_STATUS_CREATE;
+    zipFile zf = zipOpen(vorn_path(part).c_str(), append);
     if (zf == nullptr) {
+        remove_file(part.c_str());
         VLOGE("%s: Zip Open failed.\n", kDaemon);
         return VORN_ZIP_OPEN_FAILED;
     }
@@ -166,19 +188,22 @@ int write_archive(const char *name, const char *src, char *desc_path, bool *too_
     int err = zipClose(zf, nullptr);
     dir.reset();
     if (err != ZIP_OK) {
+        remove_file(part.c_str());
         VLOGE("%s: error in zipClose %s\n", kDaemon, name);
         return err;
     }
     // An archive that cannot hold every file is dropped and the source kept.
-    if (*too_large)
+    if (*too_large) {
+        remove_file(part.c_str());
         return VORN_ZIP_PREPARE_FAILED;
+    }
+    if (rename(vorn_path(part).c_str(), vorn_path(name).c_str()) != 0) {
+        VLOGE("%s: error in zipClose %s\n", kDaemon, name);
+        remove_file(part.c_str());
+        return VORN_ZIP_OPEN_FAILED;
+    }
     remove_tree(src);
     return VORN_ZIP_OK;
-}
-
-void remove_file(const char *path) {
-    if (remove(vorn_path(path).c_str()) != 0 && errno != ENOENT)
-        VLOGE("%s: Failed to remove %s: %s", kDaemon, path, strerror(errno));
 }
 
 }  // namespace
@@ -199,14 +224,20 @@ void *mini_zip(void *message) {
     char name[VORN_UPLOAD_PATH_MAX] = "";
     char desc_path[VORN_UPLOAD_PATH_MAX] = "";
     bool too_large = false;
-    if (prepare_upload_archive(name, sizeof name, logname, src) == 0) {
-        result = write_archive(name, src, desc_path, &too_large);
-        if (result != VORN_ZIP_OK && result != VORN_ZIP_PREPARE_FAILED) {
-            remove_file(name);
-            if (desc_path[0] != '\0')
-                remove_file(desc_path);
-        } else if (too_large) {
-            remove_file(name);
+    bool had_entries = false;
+    {
+        std::lock_guard<std::mutex> serial(g_archive_lock);
+        if (prepare_upload_archive(name, sizeof name, logname, src) == 0) {
+            result = write_archive(name, src, desc_path, &too_large, &had_entries);
+            // A failed request takes back only the empty archive it created.
+            if (result != VORN_ZIP_OK && result != VORN_ZIP_PREPARE_FAILED) {
+                if (!had_entries)
+                    remove_file(name);
+                if (desc_path[0] != '\0')
+                    remove_file(desc_path);
+            } else if (too_large && !had_entries) {
+                remove_file(name);
+            }
         }
     }
 

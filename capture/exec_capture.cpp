@@ -156,8 +156,9 @@ int exec_cycle(exec_worker *w) {
     char *log_path = static_cast<char *>(malloc(size));
     if (log_path == nullptr) {
         VLOGE("no space for log_path in capture_exec()!");
+        pthread_mutex_unlock(&gbl_config_mutex);
         pthread_mutex_unlock(&node->lock);
-        return -1;  // gbl_config_mutex stays held, as it always has
+        return -1;
     }
     snprintf(log_path, size, "%s/%s", gbl_config.log_path, filepath);
     pthread_mutex_unlock(&gbl_config_mutex);

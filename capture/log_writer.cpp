@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +63,61 @@ int remove_at(int dfd, const char *name) {
     return ret;
 }
 
+// The sequence number a new file named base would need: 0 when no file of
+// the node carries base's stamp, otherwise one past the highest in use, where
+// "base" and "base.<roll-over time>" count as 0 and "base_NNNN[...]" as NNNN.
+int next_sequence(const char *base) {
+    const char *slash = strrchr(base, '/');
+    std::string dir(base, static_cast<size_t>(slash - base));
+    const char *name = slash + 1;
+    size_t name_len = strlen(name);
+    unique_dir d(opendir(vorn_path(dir).c_str()));
+    if (!d)
+        return 0;
+    int next = 0;
+    while (struct dirent *e = readdir(d.get())) {
+        if (strncmp(e->d_name, name, name_len) != 0)
+            continue;
+        const char *rest = e->d_name + name_len;
+        int used = -1;
+        if (*rest == '\0' || *rest == '.')
+            used = 0;
+        else if (*rest == '_' && isdigit(static_cast<unsigned char>(rest[1])))
+            used = atoi(rest + 1);
+        if (used >= next)
+            next = used + 1;
+    }
+    return next;
+}
+
+// Opens a new file for appending at path (its name ends in the opening time).
+// Several files opened in one second must not share a name: the roll-over
+// renames the closed file, and a second file of the same name would be moved
+// onto it. So a name already used in this second gets "_NNNN", which sorts
+// after every earlier file of that second and before the next second's, and
+// still starts with the node's prefix for pruning. path is updated.
+FILE *open_new_name(char *path) {
+    size_t base_len = strlen(path);
+    std::string base(path, base_len);
+    for (int seq = next_sequence(path), tries = 0; tries < 100; seq++, tries++) {
+        if (seq > 0)
+            snprintf(path, VORN_PATH_MAX, "%s_%04d", base.c_str(), seq);
+        // Close-on-exec: provider commands must not inherit the daemon's files.
+        int fd =
+            open(vorn_path(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            FILE *fp = fdopen(fd, "a");
+            if (fp == nullptr)
+                close(fd);
+            return fp;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    path[base_len] = '\0';
+    return nullptr;
+}
+
 }  // namespace
 
 int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
@@ -91,8 +147,7 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     char suffix[32];
     time_suffix(suffix, sizeof suffix);
     append_bounded(path, VORN_PATH_MAX, suffix);
-    // Close-on-exec: provider commands must not inherit the daemon's files.
-    file->fp = fopen(vorn_path(path).c_str(), "ae");
+    file->fp = open_new_name(path);
     if (file->fp == nullptr) {
         VLOGE("Failed to create the log file: %s\n", path);
         return -1;

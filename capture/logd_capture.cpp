@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "capture/capture_variants.h"
+#include "capture/logger_entry.h"
 #include "capture/worker_util.h"
 #include "platform/log.h"
 #include "platform/root.h"
@@ -66,8 +67,6 @@ struct logd_worker {
     vorn_log_file file;
     char path[VORN_PATH_MAX];
     prelog_buf pre;
-    // Every events entry opens the tag map anew; the maps are kept open.
-    std::vector<EventTagMap *> tag_maps;
     log_msg msg;
     char convert[kConvertSize];
     char line[kLineSize];
@@ -153,9 +152,7 @@ bool write_entry(logd_worker *w) {
     if (!dev->is_events) {
         ret = android_log_processLogBuffer(&w->msg.entry, &entry);
     } else {
-        EventTagMap *map = android_openEventTagMap(vorn_path(EVENT_TAG_MAP_FILE).c_str());
-        if (map)
-            w->tag_maps.push_back(map);
+        EventTagMap *map = event_tag_map();
         ret = android_log_processBinaryLogBuffer(&w->msg.entry, &entry, map, w->convert,
                                                  sizeof w->convert);
         if (ret >= 0)

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/log.h"
@@ -19,13 +20,6 @@ namespace {
 constexpr int kHdr = sizeof(vorn_klog_entry);
 constexpr size_t kLineHeaderMax = 100;  // 99 characters and the terminator
 constexpr int kEventTextMax = 1024;     // rendered event text: 1023 characters
-
-// The event tag map, opened once for the process and kept (without one,
-// tags print as numbers).
-EventTagMap *event_tag_map() {
-    static EventTagMap *map = android_openEventTagMap(vorn_path(EVENT_TAG_MAP_FILE).c_str());
-    return map;
-}
 
 char priority_letter(unsigned prio) {
     static const char letters[] = "??VDIWEFS";
@@ -141,6 +135,15 @@ int format_text(vorn_log_file *file, const vorn_klog_entry &hdr, char *payload, 
 }
 
 }  // namespace
+
+EventTagMap *event_tag_map() {
+    static std::mutex lock;
+    static EventTagMap *map = nullptr;
+    std::lock_guard<std::mutex> g(lock);
+    if (map == nullptr)
+        map = android_openEventTagMap(vorn_path(EVENT_TAG_MAP_FILE).c_str());
+    return map;
+}
 
 int format_logger_entry(vorn_log_file *file, char *entry, int len, char *path, vorn_node *node) {
     if (file == nullptr || file->fp == nullptr || entry == nullptr || node == nullptr)

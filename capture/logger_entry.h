@@ -25,3 +25,8 @@ static_assert(sizeof(vorn_klog_entry) == 20, "kernel logger header is 20 bytes")
 // place. Returns 0, also when the entry is dropped as malformed, or non-zero
 // when a write failed.
 int format_logger_entry(vorn_log_file *file, char *entry, int len, char *path, vorn_node *node);
+
+// The event tag map of the process: opened at the first use that finds the
+// file and kept for good (without one, tags print as numbers). Shared by
+// every worker that names event tags.
+struct EventTagMap *event_tag_map();

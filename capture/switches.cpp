@@ -22,8 +22,7 @@ constexpr const char *kBtKey = "BtSnoopLogOutput";
 }  // namespace
 
 int set_dynamic_debug_mask(char *path, int on) {
-    // The query file is not closed again; it never has been.
-    FILE *f = fopen(vorn_path(path).c_str(), "re");
+    unique_file f(fopen(vorn_path(path).c_str(), "re"));
     if (f == nullptr) {
         free(path);
         return -1;
@@ -31,7 +30,7 @@ int set_dynamic_debug_mask(char *path, int on) {
     std::string control = shell_word(vorn_path(kDebugfs) + "/dynamic_debug/control");
     int result = 0;
     char line[512];
-    while (fgets(line, sizeof line, f)) {
+    while (fgets(line, sizeof line, f.get())) {
         if (line[0] == '\n' || line[0] == '#')
             continue;
         line[strcspn(line, "\n")] = '\0';

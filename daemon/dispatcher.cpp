@@ -49,6 +49,7 @@ int vornd_dispatch_cmd(vorn_pending_cmd *cmd) {
     uint8_t idx = find_node_index(name);
     if (idx == VORN_NO_NODE) {
         VLOGE("Invalid logname: %s", name);
+        free(cmd);
         return -1;
     }
 
@@ -91,8 +92,7 @@ void *vornd_dispatch(void *) {
         pthread_mutex_unlock(&cmd_list_mutex);
         VLOGD("Got pending cmd");
         if (vornd_dispatch_cmd(cmd) != 0) {
-            // An unknown name: go straight back to the list. The command is
-            // not freed.
+            // An unknown name: nothing was applied, so no pause.
             pthread_mutex_lock(&cmd_list_mutex);
             continue;
         }

@@ -8,6 +8,6 @@ void *vornd_dispatch(void *unused);
 
 // Applies one command taken from the list: finds its node, writes the change
 // back to the working configuration and calls the node's enable or disable
-// op under the node's lock, then frees the command. Returns 0, or -1 when no
-// node has the command's name; that command is left alone (not freed).
+// op under the node's lock. The command is freed either way. Returns 0, or -1
+// when no node has the command's name.
 int vornd_dispatch_cmd(vorn_pending_cmd *cmd);

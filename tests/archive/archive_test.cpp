@@ -253,7 +253,8 @@ TEST_F(ArchiveTest, FailuresAreReportedAndTheSourceKept) {
         EXPECT_TRUE(log.has_containing(cases[i].message)) << log.dump();
         EXPECT_EQ(root.exists(src + "/description_x.zip"), i != 0);
         EXPECT_EQ(root.exists(src + "/core.bin"), i == 3);
-        EXPECT_EQ(walk_order(upload), Names{});
+        // A file that was there before the request is left as it was.
+        EXPECT_EQ(walk_order(upload), i == 2 ? Names{"log_x.zip.zip"} : Names{});
     }
 }
 
@@ -308,6 +309,24 @@ TEST_F(ArchiveTest, SourceFileDisappearsMidWalk) {
     EXPECT_FALSE(root.exists(kSrc));
 }
 
+// Two requests into the same archive at once are written one after the
+// other: the archive holds the entries of both.
+TEST_F(ArchiveTest, TwoRequestsIntoOneArchiveAreSerialised) {
+    Files a = make_source({{"description_same", "a"}, {"a.bin", random_bytes(2 << 20, 8)}}, "/d/a");
+    Files b = make_source({{"description_same", "b"}, {"b.bin", random_bytes(2 << 20, 9)}}, "/d/b");
+    std::thread ta([] { request("/d/a"); });
+    request("/d/b");
+    ta.join();
+    EXPECT_EQ(results(), (std::vector<int>{0, 0}));
+    const char *script =
+        "import sys, zipfile\n"
+        "z = zipfile.ZipFile(sys.argv[1])\n"
+        "if z.testzip(): sys.exit('bad entry')\n"
+        "print(' '.join(sorted(i.filename for i in z.infolist())))\n";
+    ProcessResult p = run_process({"/usr/bin/env", "python3", "-c", script, archive()}, 60000);
+    EXPECT_EQ(p.out, "Crash/a.bin Crash/b.bin description_same description_same\n") << p.err;
+}
+
 // The archive cannot be finished: the failed archive and the description file
 // (when the walk got to it) are deleted, every other source file stays.
 TEST_F(ArchiveTest, FullUploadFileSystem) {
@@ -326,6 +345,30 @@ TEST_F(ArchiveTest, FullUploadFileSystem) {
     EXPECT_EQ(left, Names{});
     EXPECT_EQ(root.read(kSrc + "/ramdump.bin"), src["ramdump.bin"]);
     EXPECT_EQ(root.exists(kSrc + "/description_full"), order[0] != "description_full");
+}
+
+// A request that fails to close its archive leaves what earlier requests
+// wrote into it untouched.
+TEST_F(ArchiveTest, FailedCloseKeepsTheArchiveOfEarlierRequests) {
+    std::string upload = root.at(kUpload);
+    root.mkdir(kUpload);
+    if (mount("tmpfs", upload.c_str(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+    make_source({{"description_keep", "first"}, {"small.log", "small"}}, "/d/one");
+    request("/d/one");
+    make_source({{"description_keep", "second"}, {"big.bin", random_bytes(1 << 20, 10)}}, "/d/two");
+    request("/d/two");
+    std::string kept = read_file(root.at(kUpload + "/log_keep.zip"));
+    Names left = walk_order(kUpload);
+    umount2(upload.c_str(), MNT_DETACH);
+    ASSERT_EQ(results().size(), 2u);
+    EXPECT_EQ(results()[0], 0);
+    EXPECT_NE(results()[1], 0);
+    EXPECT_EQ(left, Names{"log_keep.zip"});
+    write_file(root.at("/check.zip"), kept);
+    expect_zip(root.at("/check.zip"),
+               {{"description_keep", "first"}, {"Crash/small.log", "small"}});
+    EXPECT_TRUE(root.exists("/d/two/big.bin"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <deque>
 #include <filesystem>
+#include <sstream>
 
 #include "capture/capture_pipe.h"
 #include "capture/logger_entry.h"
@@ -182,4 +183,23 @@ void block_log_root(const std::string &log_root) {
 
 void unblock_log_root(const std::string &log_root) {
     unlink(top_dir(log_root).c_str());
+}
+
+size_t open_fds_naming(const std::string &needle) {
+    size_t n = 0;
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+        std::error_code lec;
+        std::string target = std::filesystem::read_symlink(e.path(), lec).string();
+        n += !lec && target.find(needle) != std::string::npos;
+    }
+    return n;
+}
+
+size_t mappings_naming(const std::string &needle) {
+    std::istringstream maps(read_file("/proc/self/maps"));
+    size_t n = 0;
+    for (std::string l; std::getline(maps, l);)
+        n += l.find(needle) != std::string::npos;
+    return n;
 }

@@ -88,3 +88,8 @@ bool wait_for(Pred pred, int timeout_ms) {
         usleep(50 * 1000);
     return pred();
 }
+
+// Descriptors of this process open on a path containing needle.
+size_t open_fds_naming(const std::string &needle);
+// Mappings of this process of a file whose path contains needle.
+size_t mappings_naming(const std::string &needle);

@@ -111,29 +111,37 @@ TEST_F(LogWriterTest, PruningKeepsTenAndLeavesOtherPrefixesAlone) {
     EXPECT_EQ(rotate_log_files("/no/such/dir", "x", 1), -1);
 }
 
-TEST_F(LogWriterTest, TwoRollOversInOneSecondLoseNothing) {
-    // The second roll-over opens a file of the current one's name, so the move
-    // takes the file just opened along. Accepted as it is; the bytes all stay.
+// Roll-overs within one second give each file a name of its own; the names
+// sort in the order the files were written, so pruning takes the oldest.
+TEST_F(LogWriterTest, RollOversInOneSecondKeepEveryFile) {
     for (int attempt = 0; attempt < 3; attempt++) {
-        open("Twice/twice", 100);
+        open("Often/often", 100);
         next_second();
         time_t start = time(nullptr);
-        ASSERT_EQ(write(std::string(11, '1')), 11);
-        ASSERT_EQ(write(std::string(11, '2')), 11);
-        ASSERT_EQ(write("33"), 2);
+        const std::string parts[] = {std::string(11, '1'), std::string(11, '2'),
+                                     std::string(11, '3'), std::string(11, '4'), "55"};
+        for (const auto &part : parts)
+            ASSERT_EQ(write(part), static_cast<int>(part.size()));
         if (time(nullptr) != start) {  // crossed a second: try again
             close_log_file(&file);
             continue;
         }
-        EXPECT_FALSE(fs::exists(vorn_path(path)));  // the stream lives on under the moved name
+        close_log_file(&file);
         auto names = list_dir(dir);
-        ASSERT_EQ(names.size(), 2u);
-        EXPECT_EQ(time_suffixes(names[1], "twice"), 2);
-        EXPECT_EQ(file_at(dir, 0), std::string(11, '1'));
-        EXPECT_EQ(file_at(dir, 1), std::string(11, '2') + "33");
+        ASSERT_EQ(names.size(), 5u);
+        for (size_t i = 0; i < names.size(); i++)
+            EXPECT_EQ(file_at(dir, i), parts[i]) << names[i];
+        // The first file was opened in the second before; the second file takes
+        // the plain name of this second, the third "_0001" after it.
+        EXPECT_EQ(time_suffixes(names[1], "often"), 2);
+        EXPECT_EQ(names[2].substr(names[1].size() - 20, 5), "_0001") << names[2];
+        // The pruning keeps the newest: the first file goes.
+        EXPECT_EQ(
+            rotate_log_files((gbl_config.log_path + std::string("/Often")).c_str(), "often", 4), 5);
+        EXPECT_EQ(list_dir(dir).front(), names[1]);
         return;
     }
-    GTEST_SKIP() << "never got two roll-overs within one second";
+    GTEST_SKIP() << "never got four roll-overs within one second";
 }
 
 TEST_F(LogWriterTest, FilepathWithoutSlashWritesThenFailsItsFirstRollOver) {

@@ -193,6 +193,8 @@ TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConvert
     std::string want = line('I', "answer", "7") + line('I', "[43]", "8") +
                        line('I', "r", long_msg) + line('I', "s", "last");
     EXPECT_TRUE(dir_becomes(root + "Ev", want)) << read_dir_files(root + "Ev").substr(0, 500);
+    // Four events entries, one tag map.
+    EXPECT_LE(mappings_naming("event-log-tags"), 1u);
 }
 
 }  // namespace

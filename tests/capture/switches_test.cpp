@@ -74,6 +74,9 @@ TEST_F(SwitchesTest, DynamicDebugRunsEveryQueryLineAndSkipsCommentsAndBlanks) {
     rename((dir + ".away").c_str(), dir.c_str());
     EXPECT_EQ(log_.count_containing("set_dynamic_debug_mask: Failed to run cmd  echo -n '"), 2u);
 
+    // Every query file read was closed again.
+    EXPECT_EQ(open_fds_naming(".txt"), 0u);
+
     vorn_ctrl_msg missing = msg(1, "/data/missing.txt");
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &missing), -1);
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, nullptr), -1);
