@@ -123,7 +123,7 @@ uintmax_t dir_bytes(const fs::path &dir) {
 }
 
 void *run_worker(void *node) {
-    capture_adb_socket(static_cast<vorn_node *>(node));
+    capture_logd(static_cast<vorn_node *>(node));
     return nullptr;
 }
 

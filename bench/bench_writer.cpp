@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "capture/capture_pipe.h"
+#include "capture/capture_worker.h"
 #include "capture/log_writer.h"
 #include "core/gbl_config.h"
 #include "core/node.h"

@@ -15,4 +15,4 @@ void capture_devnode(vorn_node *node);
 void capture_multi_devnode(vorn_node *node);
 
 // Logd buffer capture (log type 2 on platform level 20 and up). Never returns.
-void capture_adb_socket(vorn_node *node);
+void capture_logd(vorn_node *node);

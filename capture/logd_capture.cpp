@@ -221,7 +221,7 @@ void read_buffers(logd_worker *w) {
 
 }  // namespace
 
-void capture_adb_socket(vorn_node *node) {
+void capture_logd(vorn_node *node) {
     auto *w = new logd_worker{};  // lives as long as the thread: for ever
     w->node = node;
     w->format = android_log_format_new();

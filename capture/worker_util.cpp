@@ -8,8 +8,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "capture/capture_pipe.h"
 #include "platform/log.h"
+
+void selfsig_handle(int sig) {
+    VLOGD("sig =%d", sig);
+}
 
 void install_selfsig_handler() {
     struct sigaction sa {};

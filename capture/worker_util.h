@@ -14,6 +14,10 @@
 #define VORN_PROVIDER_NAMES 4
 #define VORN_PROVIDER_NAME_LEN 40  // 39 characters and the terminator
 
+// SIGUSR1 handler of the workers that block in reads: it only logs, so that
+// the signal interrupts the blocking call without ending the process.
+void selfsig_handle(int sig);
+
 // Installs selfsig_handle for SIGUSR1 without SA_RESTART, so that the signal
 // interrupts the worker's blocking read.
 void install_selfsig_handler();

@@ -1,6 +1,6 @@
 #include "daemon/register_table.h"
 
-#include "capture/capture_pipe.h"
+#include "capture/capture_worker.h"
 #include "capture/switches.h"
 #include "core/node_ops.h"
 #include "core/node_table.h"

@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "capture/capture_pipe.h"
+#include "capture/capture_worker.h"
 #include "capture/logger_entry.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"

@@ -93,7 +93,7 @@ TEST_F(LogdCaptureTest, InterleavesBuffersKeepsPreLogFollowsNewFilesAndReconnect
     std::string root = device_log_root("logd");
     vorn_node *node = make_node("AdbMain", 0x02, "main;system", "Adb/main");
     disable_at_end guard{node};
-    start_variant<capture_adb_socket>(node);
+    start_variant<capture_logd>(node);
     // Past its start-up wait for the log root, the worker is enabled while
     // external storage is gone.
     ASSERT_TRUE(wait_for([&] { return log.has_containing("logname_prefix:main,"); }, 3000));
@@ -163,7 +163,7 @@ TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConvert
         make_node("AdbEvents", 0x02, "main;/dev/log/radio;events system;crash", "Ev/ev");
     disable_at_end guard{node};
     set_enable(node, true);
-    start_variant<capture_adb_socket>(node);
+    start_variant<capture_logd>(node);
     ASSERT_TRUE(wait_for([&] { return logd.readers() == 1; }, 6000)) << log.dump();
     EXPECT_EQ(logd.commands()[0], "stream lids=0,1,2,3");
 

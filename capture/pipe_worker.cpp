@@ -1,50 +1,31 @@
-#include "capture/capture_pipe.h"
+#include "capture/pipe_worker.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "capture/capture_variants.h"
 #include "capture/log_writer.h"
-#include "core/gbl_config.h"
+#include "capture/worker_util.h"
 #include "platform/log.h"
-#include "platform/properties.h"
 #include "platform/root.h"
 
 extern char **environ;
 
 namespace {
 
-constexpr unsigned kPollSeconds = 3;
-constexpr long kSelectMicros = 5000000;  // the kernel normalises it to 5 s
-constexpr size_t kReadSize = 50;         // small reads: little is lost on a reset
+constexpr int kWaitMillis = 5000;  // a silent provider is looked at every 5 s
+constexpr size_t kReadSize = 50;   // small reads: little is lost on a reset
 constexpr int kEmptyReadsPerMessage = 10;
 constexpr const char *kShell = "/system/bin/sh";
-
-// Read once by the first worker; 0 means not read yet. Every worker writes the
-// same value, so no lock.
-std::atomic<int> g_platform_level{0};
-
-int platform_level() {
-    int level = g_platform_level.load(std::memory_order_relaxed);
-    if (level == 0) {
-        char value[VORN_PROP_VALUE_MAX];
-        vorn_property_get("ro.build.version.sdk", value, "0");
-        level = static_cast<int>(strtol(value, nullptr, 10));
-        g_platform_level.store(level, std::memory_order_relaxed);
-    }
-    return level;
-}
 
 // The pipe variant: the provider command's standard output copied into the
 // node's rotated files. States: idle (no command; a file may stay open after
@@ -59,9 +40,7 @@ class pipe_worker {
             node_->worker_thread = static_cast<uint64_t>(pthread_self());
         }
         char root[VORN_LOG_PATH_LEN];
-        pthread_mutex_lock(&gbl_config_mutex);
-        snprintf(root, sizeof root, "%.*s", static_cast<int>(sizeof root - 1), gbl_config.log_path);
-        pthread_mutex_unlock(&gbl_config_mutex);
+        copy_log_root(root);
         wait_log_dir(root, 0);
         scan_file_logpath(node_->log_filepath, VORN_KEEP_FILES - 1);
 
@@ -77,22 +56,18 @@ class pipe_worker {
     // Sleeps and looks at the node until it is enabled; returns its provider.
     const char *idle_poll() {
         for (;;) {
-            sleep(kPollSeconds);
-            pthread_mutex_lock(&node_->lock);
-            if (node_->enable) {
-                const char *provider = node_->log_provider;
-                node_->pending_change = 0;
-                pthread_mutex_unlock(&node_->lock);
-                return provider;
+            sleep(VORN_POLL_SECONDS);
+            const char *provider = nullptr;
+            switch (look_at_idle_node(node_, &provider)) {
+                case idle_look::start:
+                    return provider;
+                case idle_look::tear_down:
+                    stop();
+                    close_log_file(&file_);
+                    break;
+                case idle_look::idle:
+                    break;
             }
-            if (!node_->pending_change) {
-                pthread_mutex_unlock(&node_->lock);
-                continue;
-            }
-            node_->pending_change = 0;
-            pthread_mutex_unlock(&node_->lock);
-            stop();
-            close_log_file(&file_);
         }
     }
 
@@ -161,11 +136,9 @@ class pipe_worker {
     // command to start at once; false to go back to the idle poll.
     bool read_loop(const char **provider) {
         for (;;) {
-            fd_set readable;
-            FD_ZERO(&readable);
-            FD_SET(child_->fd, &readable);
-            struct timeval timeout = {0, kSelectMicros};
-            int ready = select(child_->fd + 1, &readable, nullptr, nullptr, &timeout);
+            // poll, not select: a descriptor number past 1023 must work too.
+            struct pollfd pfd = {child_->fd, POLLIN, 0};
+            int ready = poll(&pfd, 1, kWaitMillis);
             if (ready < 0) {
                 VLOGE("error occured in select\n");
             } else if (ready > 0) {
@@ -185,40 +158,20 @@ class pipe_worker {
                 // A failed read counts as a time-out.
             }
 
-            pthread_mutex_lock(&node_->lock);
-            if (!node_->pending_change) {
-                pthread_mutex_unlock(&node_->lock);
+            node_change change = take_node_change(node_, provider);
+            if (change == node_change::none)
                 continue;
-            }
-            node_->pending_change = 0;
-            bool enabled = node_->enable != 0;
-            if (enabled)
-                *provider = node_->log_provider;
-            pthread_mutex_unlock(&node_->lock);
             stop();
             close_log_file(&file_);
-            return enabled;
+            return change == node_change::reopen;
         }
     }
 
     // Writes one chunk, first moving to a new file when one was asked for.
     // False when the file is no longer usable (command stopped, file closed).
     bool copy(int n) {
-        bool new_file;
-        {
-            vorn_node_guard g(node_);
-            new_file = node_->new_file_request != 0;
-        }
-        if (new_file) {
-            close_log_file(&file_);
-            // Blocks until the log root takes a file again; the output waits in the pipe.
-            do {
-                sleep(kPollSeconds);
-            } while (open_log_file(node_, &file_, path_) != 0);
-            file_.written = 0;
-            vorn_node_guard g(node_);
-            node_->new_file_request = 0;
-        }
+        // Blocks until the log root takes a file again; the output waits in the pipe.
+        serve_new_file_request(node_, &file_, path_);
         if (write_log_data(buf_, n, &file_, path_, node_) != n) {
             stop();
             close_log_file(&file_);
@@ -244,42 +197,10 @@ class pipe_worker {
 
 }  // namespace
 
-void *capture_pipe(void *arg) {
-    auto *node = static_cast<vorn_node *>(arg);
-    int level = platform_level();
-    uint8_t logtype;
-    {
-        vorn_node_guard g(node);
-        logtype = node->logtype;
-    }
-    bool logd = (logtype & VORN_LOGTYPE_TYPE_MASK) == VORN_LOGTYPE_ANDROID_LOG && level >= 20;
-
-    switch (logtype & VORN_LOGTYPE_KIND_MASK) {
-        case VORN_KIND_EXEC: {
-            int ret = capture_exec(node);
-            vorn_node_guard g(node);
-            node->worker_thread = 0;  // the thread ends: the next enable starts a new one
-            return ret == 0 ? nullptr : reinterpret_cast<void *>(-1L);
-        }
-        case VORN_KIND_PIPE: {
-            // Lives as long as the process; never returns.
-            pipe_worker worker(node);
-            worker.run();
-        }
-        case VORN_KIND_MULTIDEV:
-            if (logd)
-                capture_adb_socket(node);
-            else
-                capture_multi_devnode(node);
-            break;
-        default:
-            if (logd)
-                capture_adb_socket(node);
-            else
-                capture_devnode(node);
-            break;
-    }
-    return nullptr;
+void capture_pipe_output(vorn_node *node) {
+    // Lives as long as the process; never returns.
+    pipe_worker worker(node);
+    worker.run();
 }
 
 int stop_child(capture_child *child) {
@@ -302,8 +223,4 @@ int stop_child(capture_child *child) {
     close(child->fd);
     free(child);
     return status;
-}
-
-void selfsig_handle(int sig) {
-    VLOGD("sig =%d", sig);
 }
