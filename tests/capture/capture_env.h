@@ -13,6 +13,7 @@
 #include "core/node.h"
 #include "core/node_ops.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 TempRoot &capture_root();
 
@@ -84,9 +85,7 @@ void unblock_log_root(const std::string &log_root);
 
 template <typename Pred>
 bool wait_for(Pred pred, int timeout_ms) {
-    for (int waited = 0; waited < timeout_ms && !pred(); waited += 50)
-        usleep(50 * 1000);
-    return pred();
+    return wait_until(pred, timeout_ms, 50);
 }
 
 // Descriptors of this process open on a path containing needle.

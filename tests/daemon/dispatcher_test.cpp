@@ -18,6 +18,7 @@
 #include "tests/core/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -86,8 +87,7 @@ class DispatcherTest : public ::testing::Test {
         return s;
     }
     void wait_workers(int n) {
-        for (int i = 0; i < 100 && g_workers < n; i++)
-            usleep(10000);
+        wait_until([&] { return g_workers >= n; }, 1000, 10);
         usleep(20000);  // and no more
     }
 

@@ -14,6 +14,7 @@
 #include "tests/core/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -147,9 +148,7 @@ int op_ok(vorn_node *, const vorn_ctrl_msg *) {
 }
 
 bool wait_calls(int n) {
-    for (int i = 0; i < 500 && g_calls < n; i++)
-        usleep(10000);
-    return g_calls >= n;
+    return wait_until([&] { return g_calls >= n; }, 5000, 10);
 }
 
 TEST_F(RegistryTest, WorkThreadsAreNamedAfterTheNode) {

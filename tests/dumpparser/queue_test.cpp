@@ -8,6 +8,7 @@
 #include "core/node_ops.h"
 #include "dumpparser/dumpparser.h"
 #include "tests/dumpparser/dump_env.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -43,9 +44,7 @@ class QueueTest : public DumpEnv {
     }
 
     static bool wait_for(const std::function<bool()> &done, int seconds) {
-        for (int i = 0; i < seconds * 50 && !done(); i++)
-            usleep(20 * 1000);
-        return done();
+        return wait_until(done, seconds * 1000);
     }
 
     bool taken() {

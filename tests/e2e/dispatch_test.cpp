@@ -9,6 +9,7 @@
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -51,8 +52,7 @@ TEST(DispatchTest, ChangesAreAppliedInOrderAndWrittenBack) {
             all += read_file(e.path());
         return all;
     };
-    for (int waited = 0; waited < 8000 && alpha_files().empty(); waited += 100)
-        usleep(100 * 1000);
+    wait_until([&] { return !alpha_files().empty(); }, 8000, 100);
     EXPECT_EQ(alpha_files().substr(0, 3), "hi\n");
 
     // A new-file request with the current state and mask writes nothing and

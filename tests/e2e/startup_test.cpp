@@ -7,6 +7,7 @@
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -39,8 +40,7 @@ TEST(StartupTest, BindFailureReachesTheServingLoopAndEndsAtAccept) {
     rmdir(d.at("/dev/socket").c_str());
     d.write_config(make_conf("1", "", pipe_node("Dmesg")));
     d.start();  // it may or may not still be up once it has listened
-    for (int i = 0; i < 1000 && d.alive(); i++)
-        usleep(10000);
+    wait_until([&] { return !d.alive(); }, 10000, 10);
     EXPECT_EQ(d.exit_status(), 255);
     EXPECT_FALSE(
         d.wait_for_log("Failed to bind socket.  err:No such file or directory", 0).empty());

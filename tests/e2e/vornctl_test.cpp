@@ -7,6 +7,7 @@
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -40,12 +41,11 @@ class VornctlTest : public ::testing::Test {
 
     // Waits until query NAME prints text.
     bool wait_query(const std::string &name, const std::string &text) {
-        for (int i = 0; i < 50; i++) {
-            if (d.vornctl({"query", name}).out.find(text) != std::string::npos)
-                return true;
-            usleep(100000);
-        }
-        return false;
+        return wait_until(
+            [&] {
+                return d.vornctl({"query", name}).out.find(text) != std::string::npos;
+            },
+            5000, 100);
     }
 
     DaemonFixture d;
@@ -126,8 +126,7 @@ TEST_F(VornctlTest, ArchiveAndItsBroadcast) {
     EXPECT_NE(r.out.find(" bytes, 2 entries\n"), std::string::npos) << r.out;
 
     auto wait_broadcasts = [&](size_t n) {
-        for (int i = 0; i < 100 && d.broadcasts().size() < n; i++)
-            usleep(100000);
+        wait_until([&] { return d.broadcasts().size() >= n; }, 10000, 100);
         usleep(300000);  // and no more
         return d.broadcasts();
     };
