@@ -7,7 +7,6 @@
 #define VORN_UPLOAD_PATH_MAX 2048  // upload directory and archive names
 #define VORN_ZIP_READ_SIZE 16384   // bytes per read of a source file
 #define VORN_STAMP_LEN 30          // buffer of log_time_stamp
-#define VORN_DESC_STAMP_MAX 19     // characters of a stamp taken from a description file
 
 // Result codes carried by the upload notice; any other non-zero value is the
 // code returned by minizip's zipClose.

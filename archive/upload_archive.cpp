@@ -9,16 +9,13 @@
 #include <ctime>
 #include <memory>
 
+#include "archive/archive_name.h"
 #include "archive/entry_size.h"
 #include "archive/mini_zip.h"
 #include "core/file_util.h"
 #include "core/gbl_config.h"
 #include "platform/log.h"
 #include "platform/root.h"
-
-namespace {
-const char kDescPrefix[] = "description_";
-}  // namespace
 
 void log_time_stamp(char *buf) {
     vorn_time_stamp(buf, VORN_STAMP_LEN);
@@ -30,7 +27,7 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
     char log_path[VORN_LOG_PATH_LEN];
     snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
     char upload_dir[VORN_UPLOAD_PATH_MAX];
-    snprintf(upload_dir, sizeof upload_dir, "%s/upload/%s", log_path, logname);
+    snprintf(upload_dir, sizeof upload_dir, "%s", archive_upload_dir(log_path, logname).c_str());
     wait_log_dir(upload_dir, 1);
 
     unique_dir dir(opendir(vorn_path(src).c_str()));
@@ -46,11 +43,8 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
     while (struct dirent *ent = readdir(dir.get())) {
         if (ent->d_name[0] == '.')
             continue;
-        const char *desc = strstr(ent->d_name, kDescPrefix);
-        if (desc != nullptr && !found) {
-            snprintf(stamp, VORN_DESC_STAMP_MAX + 1, "%s", desc + strlen(kDescPrefix));
-            found = true;
-        }
+        if (!found)
+            found = archive_entry_stamp(ent->d_name, stamp);
         struct stat st;
         if (fstatat(dirfd(dir.get()), ent->d_name, &st, 0) == 0 && S_ISREG(st.st_mode)) {
             char path[VORN_UPLOAD_PATH_MAX];
@@ -64,7 +58,7 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
         log_time_stamp(stamp);
     }
 
-    int n = snprintf(name, len, "%s/log_%s.zip", upload_dir, stamp);
+    int n = snprintf(name, len, "%s", archive_file_name(upload_dir, stamp).c_str());
     if (n < 0 || static_cast<size_t>(n) >= len) {
         VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(ENAMETOOLONG));
         return -1;

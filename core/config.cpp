@@ -299,3 +299,22 @@ void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value) {
     xmlSetProp(el, BAD_CAST name, BAD_CAST xml_safe_text(value ? value : "").c_str());
     vorn_config_save();
 }
+
+std::vector<std::string> vorn_config_node_names(const char *path) {
+    std::vector<std::string> names;
+    xmlDocPtr d = xmlReadFile(vorn_path(path).c_str(), "UTF-8",
+                              XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
+                                  XML_PARSE_NOWARNING | XML_PARSE_NONET);
+    if (d == nullptr)
+        return names;
+    xmlNodePtr root = xmlDocGetRootElement(d);
+    xmlNodePtr global = root ? xmlFirstElementChild(root) : nullptr;
+    for (xmlNodePtr el = global ? xmlNextElementSibling(global) : nullptr; el != nullptr;
+         el = xmlNextElementSibling(el)) {
+        char name[VORN_LOGNAME_LEN] = "";
+        get_text_attr(el, global, "logname", name, sizeof name);
+        names.emplace_back(name);
+    }
+    xmlFreeDoc(d);
+    return names;
+}

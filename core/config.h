@@ -6,6 +6,9 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <string>
+#include <vector>
+
 #include "core/node.h"
 
 #define VORN_WORK_CONF "/data/vorn-conf.xml"
@@ -53,3 +56,9 @@ xmlNodePtr vorn_config_find_element(const char *name);
 void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value);
 // Saves the working document; 0 or -1.
 int vorn_config_save();
+
+// The log names of the nodes a configuration file (device path) declares, in
+// order and as the node table keeps them (cut to 15 characters; the first
+// element holds the global settings). Empty when the file cannot be read.
+// Quiet: for clients that show the daemon's nodes.
+std::vector<std::string> vorn_config_node_names(const char *path);

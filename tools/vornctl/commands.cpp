@@ -1,11 +1,11 @@
 // Node and global-settings commands of vornctl.
-#include <libxml/parser.h>
-#include <libxml/tree.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <string>
 
+#include "core/config.h"
 #include "tools/vornctl/vornctl.h"
 
 namespace {
@@ -40,10 +40,6 @@ int need_operands(const ctl_options &o, size_t n, const char *shape) {
         return ctl_fail(CTL_USAGE, "usage: vornctl %s (see --help)", shape);
     return CTL_OK;
 }
-
-struct xml_doc_deleter {
-    void operator()(xmlDoc *d) const { xmlFreeDoc(d); }
-};
 
 }  // namespace
 
@@ -159,14 +155,11 @@ int cmd_status(const ctl_options &o) {
     std::string why;
     if (int rc = ctl_query_global(o, &g, &why))
         return ctl_fail(rc, "%s", why.c_str());
-    std::string conf = ctl_host_path(o, "/data/vorn-conf.xml");
-    std::unique_ptr<xmlDoc, xml_doc_deleter> doc(
-        xmlReadFile(conf.c_str(), "UTF-8",
-                    XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
-                        XML_PARSE_NOWARNING | XML_PARSE_NONET));
-    xmlNode *root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
-    if (root == nullptr)
+    // The nodes as the daemon read them from its working configuration.
+    std::string conf = ctl_host_path(o, VORN_WORK_CONF);
+    if (access(conf.c_str(), R_OK) != 0)
         return ctl_fail(CTL_NO_REPLY, "cannot read the working configuration %s", conf.c_str());
+    std::vector<std::string> names = vorn_config_node_names(VORN_WORK_CONF);
 
     if (o.json)
         printf("[");
@@ -174,15 +167,7 @@ int cmd_status(const ctl_options &o) {
         printf("%-4s %-15s %-7s %-5s %-10s %s\n", "SLOT", "NAME", "ENABLED", "LEVEL", "SIZE",
                "MASK");
     bool first = true;
-    // The first element holds the global settings; every further one is a node.
-    xmlNode *global = xmlFirstElementChild(root);
-    for (xmlNode *el = global ? xmlNextElementSibling(global) : nullptr; el != nullptr;
-         el = xmlNextElementSibling(el)) {
-        xmlChar *attr = xmlGetProp(el, BAD_CAST "logname");
-        std::string name(reinterpret_cast<const char *>(attr ? attr : el->name));
-        xmlFree(attr);
-        name = name.substr(0, kCtlNameMax);  // the daemon keeps 15 characters
-
+    for (const std::string &name : names) {
         vorn_ctrl_msg node;
         int rc = ctl_query_node(o, name, &node, &why);
         if (rc == CTL_NO_CONNECT)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/root.h"
 #include "tools/vornctl/vornctl.h"
 
 namespace {
@@ -111,6 +112,9 @@ int main(int argc, char **argv) {
         return rc;
     if (o.args.empty())
         return ctl_fail(CTL_USAGE, "no command (see --help)");
+    // The daemon's own helpers (node list, archive naming) resolve device
+    // paths under the same root as the daemon.
+    vorn_set_root(o.root.c_str());
     if (o.wait && o.args[0] != "archive")
         return ctl_fail(CTL_USAGE, "--wait goes with archive only");
     if ((o.follow_log || !o.log_file.empty()) && o.args[0] != "agent")

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "archive/archive_name.h"
 #include "tools/vornctl/vornctl.h"
 
 namespace {
@@ -53,29 +54,6 @@ std::string find_summary(const std::string &path, long long from) {
         }
     }
     return "";
-}
-
-// The stamp the daemon gives the archive of dir: the text after
-// "description_" in the first such entry (*exact set), else the local time.
-std::string predicted_stamp(const std::string &dir, bool *exact) {
-    *exact = false;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (struct dirent *e = readdir(d)) {
-            const char *p = e->d_name[0] == '.' ? nullptr : strstr(e->d_name, "description_");
-            if (p != nullptr) {
-                std::string stamp = std::string(p + strlen("description_")).substr(0, 19);
-                closedir(d);
-                *exact = true;
-                return stamp;
-            }
-        }
-        closedir(d);
-    }
-    char buf[32];
-    time_t now = time(nullptr);
-    struct tm tm;
-    strftime(buf, sizeof buf, "%Y_%m_%d-%H_%M_%S", localtime_r(&now, &tm));
-    return buf;
 }
 
 // Size and modification time of each zip file of dir.
@@ -161,10 +139,14 @@ int cmd_archive(const ctl_options &o) {
     if (rc != CTL_OK)
         return ctl_fail(rc, "%s", why.c_str());
     std::string name = logname.substr(0, kCtlNameMax);
-    std::string upload = ctl_host_path(o, ctl_clean_path(g.log_path + "/upload/" + name));
+    // The name the daemon's own naming rule gives the archive.
+    std::string device_upload = archive_upload_dir(g.log_path.c_str(), name.c_str());
+    std::string upload = ctl_host_path(o, ctl_clean_path(device_upload));
     bool exact;
-    std::string expected_name = "log_" + predicted_stamp(ctl_host_path(o, dir), &exact) + ".zip";
-    std::string expected = upload + "/" + expected_name;
+    std::string stamp = archive_dir_stamp(dir.c_str(), &exact);
+    std::string expected =
+        ctl_host_path(o, ctl_clean_path(archive_file_name(device_upload, stamp.c_str())));
+    std::string expected_name = expected.substr(expected.rfind('/') + 1);
     auto before = zip_files(upload);
 
     vorn_ctrl_msg m;
