@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
+#include <new>
 
 #include "platform/log.h"
 
@@ -74,6 +76,35 @@ void make_thread_name(char (&out)[16], const char *prefix, const char *name) {
     out[n] = '\0';
 }
 
+// What a new thread needs to name itself before it runs its routine. Naming
+// from the creator raced with a detached thread that had already ended.
+struct named_start {
+    void *(*routine)(void *);
+    void *arg;
+    char name[16];
+};
+
+void *run_named(void *p) {
+    std::unique_ptr<named_start> start(static_cast<named_start *>(p));
+    if (start->name[0] != '\0') {
+        int rc = pthread_setname_np(pthread_self(), start->name);
+        if (rc != 0)
+            VLOGE("Failed to rename thread name(%s)", strerror(rc));
+    }
+    void *(*routine)(void *) = start->routine;
+    void *arg = start->arg;
+    start.reset();
+    return routine(arg);
+}
+
+// A named_start for pthread_create, or null when memory runs out.
+named_start *new_start(void *(*routine)(void *), void *arg, const char *prefix, const char *name) {
+    auto *start = new (std::nothrow) named_start{routine, arg, {}};
+    if (start != nullptr)
+        make_thread_name(start->name, prefix, name != nullptr ? name : "");
+    return start;
+}
+
 }  // namespace
 
 void vorn_node_create_work_thread(vorn_node *node) {
@@ -94,16 +125,11 @@ void vorn_node_create_work_thread(vorn_node *node) {
         return;
     }
     pthread_t tid;
-    if (pthread_create(&tid, &attr, node->ops->work, node) != 0) {
+    named_start *start = new_start(node->ops->work, node, "vornd_", node->logname);
+    if (start == nullptr || pthread_create(&tid, &attr, run_named, start) != 0) {
+        delete start;
         VLOGE("Failed to create thread");
-        pthread_attr_destroy(&attr);
-        return;
     }
-    char name[16];
-    make_thread_name(name, "vornd_", node->logname);
-    int rc = pthread_setname_np(tid, name);
-    if (rc != 0)
-        VLOGE("Failed to rename thread name(%s)", strerror(rc));
     pthread_attr_destroy(&attr);
 }
 
@@ -118,15 +144,11 @@ int start_detached_thread(void *(*routine)(void *), void *arg, const char *name)
     if (pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) != 0) {
         VLOGE("Failed to set thread to detach");
         ret = -1;
-    } else if (pthread_create(&tid, &attr, routine, arg) != 0) {
-        VLOGE("Failed to create thread");
-        ret = -1;
-    } else if (name != nullptr) {
-        char n[16];
-        make_thread_name(n, "", name);
-        int rc = pthread_setname_np(tid, n);
-        if (rc != 0) {
-            VLOGE("Failed to rename thread name(%s)", strerror(rc));
+    } else {
+        named_start *start = new_start(routine, arg, "", name);
+        if (start == nullptr || pthread_create(&tid, &attr, run_named, start) != 0) {
+            delete start;
+            VLOGE("Failed to create thread");
             ret = -1;
         }
     }
