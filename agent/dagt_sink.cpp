@@ -8,6 +8,7 @@
 
 #include "agent/dagt_cmds.h"
 #include "agent/dagt_state.h"
+#include "core/command_line.h"
 #include "core/shell.h"
 #include "platform/log.h"
 #include "platform/properties.h"
@@ -24,7 +25,7 @@ constexpr const char *kTpiuOutMode = DAGT_DEV "coresight-tpiu/out_mode";
 constexpr const char *kTpiuSet = DAGT_DEV "coresight-tpiu/set";
 #undef DAGT_DEV
 
-// Runs "echo <word> > <file>" through the shell runner; a line that does not
+// Carries out "echo <word> > <file>" (without a shell); a line that does not
 // fit is not run and fails.
 int echo_into(const char *word, const char *device_path) {
     char path[DAGT_CMD_LEN];
@@ -35,7 +36,7 @@ int echo_into(const char *word, const char *device_path) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    return run_command(cmd);
+    return run_daemon_line(cmd);
 }
 
 uint32_t dagt_sink_set(dagt_cmd_t *cmd, dagt_result *result);

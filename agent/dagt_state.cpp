@@ -1,5 +1,5 @@
-// Shared routines of the Debug Agent: every sysfs write is an echo through
-// the shell runner; reads are direct.
+// Shared routines of the Debug Agent: every sysfs write is an "echo ... >
+// FILE" line carried out without a shell; reads are direct.
 #include "agent/dagt_state.h"
 
 #include <fcntl.h>
@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/command_line.h"
 #include "core/shell.h"
 #include "platform/io.h"
 #include "platform/log.h"
@@ -44,7 +45,7 @@ void dagt_sys_path(const char *device_path, char *out, size_t out_len) {
 }
 
 int dagt_run_shell(dagt_result *result, const char *cmd) {
-    int status = run_command(cmd);
+    int status = run_daemon_line(cmd);
     if (status != 0) {
         int err = errno;
         VLOGE("Fail to run cmd %s, Reason: %s\n", cmd, strerror(err));

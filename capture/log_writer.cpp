@@ -21,10 +21,6 @@
 
 namespace {
 
-// Command buffers are sized for device paths; on a host the root is added on
-// top so that it never eats into that room.
-constexpr size_t kOpenCmdLen = 300;
-
 // Appends src to the NUL-terminated dst of capacity cap, cutting it so that
 // dst never holds more than cap - 1 characters.
 void append_bounded(char *dst, size_t cap, const char *src) {
@@ -135,8 +131,8 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
         return -1;
     }
     *slash = '\0';
-    // Held across the command so that the workers create directories one at a time.
-    int status = vorn_mkdir_p(vorn_path(path).c_str(), kOpenCmdLen);
+    // Held so that the workers create directories one at a time.
+    int status = vorn_mkdir_p(vorn_path(path).c_str());
     pthread_mutex_unlock(&gbl_config_mutex);
     if (status != 0) {
         VLOGE("Failed to create the directory: %s\n", path);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "core/command_line.h"
 #include "core/config.h"
 #include "core/file_util.h"
 #include "core/shell.h"
@@ -42,7 +43,7 @@ int set_dynamic_debug_mask(char *path, int on) {
         snprintf(cmd, sizeof cmd, on ? " echo -n '%s +p' > %s" : " echo -n '%s -p' > %s",
                  query.c_str(), control.c_str());
         VLOGD("%s: %s\n", "set_dynamic_debug_mask", cmd);
-        int ret = run_command(cmd);
+        int ret = run_daemon_line(cmd);
         if (ret != 0)
             VLOGE("%s: Failed to run cmd %s\n", "set_dynamic_debug_mask", cmd);
         result |= ret;
@@ -64,7 +65,7 @@ int update_bt_conf(int on) {
     VLOGD("%s %s\n", "update_bt_conf", on ? "enable" : "disable");
     std::string system = shell_word(vorn_path("/system"));
     std::string cmd = "mount -o remount,rw " + system;
-    if (run_command(cmd.c_str()) != 0) {
+    if (run_daemon_line(cmd.c_str()) != 0) {
         VLOGE("Failed to remount system as RW\n");
         return -1;
     }
@@ -95,7 +96,7 @@ int update_bt_conf(int on) {
     if (copy_file(kBtConf, kBtTemp) != 0)
         return -1;
     cmd = "mount -o remount,ro " + system;
-    if (run_command(cmd.c_str()) != 0) {
+    if (run_daemon_line(cmd.c_str()) != 0) {
         VLOGE("Failed to remount system back to RO\n");
         return -1;
     }

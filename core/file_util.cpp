@@ -15,18 +15,29 @@
 #include "platform/log.h"
 #include "platform/root.h"
 
-namespace {
-
-// Command buffers are sized for device paths; on a host the root is added on
-// top so that it never eats into that room.
-constexpr size_t kWaitCmdLen = 128;
-
-}  // namespace
-
-int vorn_mkdir_p(const char *host_dir, size_t cmd_len) {
-    std::string cmd(cmd_len + strlen(vorn_root()), '\0');
-    snprintf(cmd.data(), cmd.size(), "mkdir -p %s", shell_word(host_dir).c_str());
-    return run_command(cmd.c_str());
+int vorn_mkdir_p(const char *host_dir) {
+    std::string path(host_dir);
+    if (path.empty()) {
+        errno = ENOENT;
+        return -1;
+    }
+    // Each missing component in turn, as mkdir -p makes them.
+    for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
+        std::string part = path.substr(0, at);
+        if (!part.empty() && part.back() != '/' && mkdir(part.c_str(), 0777) != 0 &&
+            errno != EEXIST)
+            return -1;
+        if (at == std::string::npos)
+            break;
+    }
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return -1;
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    return 0;
 }
 
 int wait_log_dir(const char *dir, int tries) {
@@ -41,7 +52,7 @@ int wait_log_dir(const char *dir, int tries) {
             // Storage not mounted writable yet.
             sleep(1);
         } else {
-            ret = vorn_mkdir_p(host.c_str(), kWaitCmdLen);
+            ret = vorn_mkdir_p(host.c_str());
             if (ret == 0) {
                 VLOGD("Dir %s is not available, create it and start logging.", dir);
                 return 0;

@@ -16,10 +16,9 @@
 // after that many attempts and returns non-zero.
 int wait_log_dir(const char *dir, int tries);
 
-// Creates a resolved directory and its missing parents (mode 0777 less the
-// umask, as mkdir -p does); cmd_len is the room a device path may take on the
-// command line. Returns 0 or the failure status.
-int vorn_mkdir_p(const char *host_dir, size_t cmd_len);
+// Creates a resolved directory and its missing parents with mkdir(2), mode
+// 0777 less the umask, as mkdir -p does. Returns 0, or -1 with errno set.
+int vorn_mkdir_p(const char *host_dir);
 
 // The local time in VORN_TIME_FORMAT into out (len bytes, always terminated).
 void vorn_time_stamp(char *out, size_t len);

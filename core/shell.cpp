@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/command_line.h"
 #include "platform/log.h"
 
 std::string shell_word(std::string_view word) {
@@ -63,7 +64,7 @@ void send_broadcast(const char *action, const char *params) {
     snprintf(text, len, "%s %s", action, params);
     VLOGD("broadcast: %s", text);
     for (int run = 0; run < 4; run++) {
-        if (run_command(text) == 0)
+        if (run_daemon_line(text) == 0)
             break;
     }
     free(text);

@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "core/command_line.h"
 #include "core/shell.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
@@ -55,6 +57,52 @@ TEST(ShellTest, WordsWithMetacharactersStayOneLiteralWord) {
         EXPECT_EQ(read_file(out), word);
     }
     EXPECT_FALSE(dir.exists("/pwned"));
+}
+
+// The daemon's own lines are split into words, never handed to a shell: the
+// words shell_word and shell_dquoted make come back exactly, and a line with
+// anything a shell would act on is refused before anything runs.
+TEST(ShellTest, DaemonLinesAreSplitIntoWordsOrRefused) {
+    std::vector<std::string> words;
+    for (std::string word : {"/a dir/x", "$(touch pwned)", "`id`;x|y&z>w", "it's \"q\" \\n"}) {
+        ASSERT_TRUE(split_command_line(("echo " + shell_word(word) + " > /f").c_str(), &words));
+        EXPECT_EQ(words, (std::vector<std::string>{"echo", word, ">", "/f"}));
+        ASSERT_TRUE(split_command_line(("am \"" + shell_dquoted(word) + "\"").c_str(), &words));
+        EXPECT_EQ(words, (std::vector<std::string>{"am", word}));
+    }
+    ASSERT_TRUE(split_command_line(" echo 3  4 >/sys/x", &words));
+    EXPECT_EQ(words, (std::vector<std::string>{"echo", "3", "4", ">", "/sys/x"}));
+    for (const char *line :
+         {"echo 1; touch /p", "echo $(id) > /f", "echo `id` > /f", "echo a | sh", "echo a && b",
+          "echo \"$HOME\"", "echo 'open", "echo a\ntouch /p", "echo * > /f", "echo 1 > /f # c"})
+        EXPECT_FALSE(split_command_line(line, &words)) << line;
+}
+
+TEST(ShellTest, EchoLinesWriteWithoutAShell) {
+    TempRoot dir;
+    LogCapture log;
+    const std::string out = dir.path() + "/out", q = shell_word(out);
+    EXPECT_EQ(run_daemon_line(("echo 0x1 > " + q).c_str()), 0);
+    EXPECT_EQ(read_file(out), "0x1\n");
+    EXPECT_EQ(run_daemon_line(("echo 3  4 > " + q).c_str()), 0);
+    EXPECT_EQ(read_file(out), "3 4\n");
+    EXPECT_EQ(run_daemon_line((" echo -n 'file a.c +p' > " + q).c_str()), 0);
+    EXPECT_EQ(read_file(out), "file a.c +p");
+    // A missing directory fails as the redirect did, with errno saying why.
+    errno = 0;
+    EXPECT_NE(run_daemon_line(("echo 1 > " + dir.path() + "/no/such").c_str()), 0);
+    EXPECT_EQ(errno, ENOENT);
+    // Refused lines run nothing and write nothing.
+    const std::string pwned = dir.path() + "/pwned";
+    EXPECT_NE(run_daemon_line(("echo 1 > " + q + "; touch " + pwned).c_str()), 0);
+    EXPECT_NE(run_daemon_line(("touch " + pwned + " > " + q).c_str()), 0);
+    EXPECT_NE(run_daemon_line(("echo 1 > " + q + " > " + q).c_str()), 0);
+    EXPECT_FALSE(dir.exists("/pwned"));
+    EXPECT_EQ(read_file(out), "file a.c +p");
+    // Other programs run from PATH with their words as arguments.
+    EXPECT_EQ(run_daemon_line(("touch '" + dir.path() + "/a b'").c_str()), 0);
+    EXPECT_TRUE(dir.exists("/a b"));
+    EXPECT_EQ(run_daemon_line("no-such-program-here"), 127 << 8);
 }
 
 TEST(ShellTest, BroadcastRetriesUntilAmSucceedsAtMostFourRuns) {

@@ -118,10 +118,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         (reply == VORN_REPLY_MSG && type != VORN_MSG_QUERY_NODE && type != VORN_MSG_GET_GLOBAL))
         abort();
 
-    while (vorn_pending_cmd *cmd = cmd_list_take_locked()) {
-        if (vornd_dispatch_cmd(cmd) != 0)
-            free(cmd);  // an unknown name: the dispatcher leaves it
-    }
+    // The dispatcher frees every command, known name or not.
+    while (vorn_pending_cmd *cmd = cmd_list_take_locked())
+        vornd_dispatch_cmd(cmd);
 
     if (type == VORN_MSG_SET_NODE || type == VORN_MSG_SET_LOG_PATH) {
         xmlDocPtr doc;

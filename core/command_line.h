@@ -1,0 +1,31 @@
+// The daemon's own command lines (sysfs and debugfs writes as "echo ... >
+// FILE", "am broadcast ...", "mount ...", "stop"/"start ...") carried out
+// without a shell. The line is still built and logged as the command it
+// stands for; only its words are taken from it, so no text inside it (a
+// path, a value or a query that came with a request) is ever run.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// The words of a command line, or false when it holds anything but words
+// (plain characters, '...' and "..." quoting with the escapes shell_word and
+// shell_dquoted produce, backslash escapes) and ">" tokens: unquoted shell
+// operators, substitutions, globs, comments or control characters.
+bool split_command_line(const char *line, std::vector<std::string> *words);
+
+// Starts argv[0] searched on PATH with the argument vector, waits for it and
+// returns its wait status as system(3) would (127 << 8 when it cannot be
+// run, -1 when no process can be made). The child dies with the daemon.
+int run_program(const std::vector<std::string> &argv);
+
+// Carries out one of the daemon's own command lines:
+//   echo [-n] WORD... > FILE   writes the words, joined by one blank and
+//                              ended by a newline unless -n, into FILE (a
+//                              resolved path) with open/write;
+//   PROGRAM ARG...             run_program.
+// Returns a system(3)-style status: 0 on success; a failed write gives 1 << 8
+// with errno telling why; a line that is not of these forms is refused with
+// 2 << 8 (EINVAL) and nothing runs. Failures are logged as run_command logs
+// them.
+int run_daemon_line(const char *line);
