@@ -16,6 +16,7 @@
 #include "capture/capture_variants.h"
 #include "capture/log_writer.h"
 #include "capture/worker_util.h"
+#include "core/command_line.h"
 #include "core/gbl_config.h"
 #include "core/shell.h"
 #include "platform/log.h"
@@ -177,7 +178,15 @@ int exec_cycle(exec_worker *w) {
     std::string path = vorn_path(log_path);
     free(log_path);
     // Paths stay one word on the command line; the mask is an option string
-    // and goes in as it is.
+    // and goes in as it is, so it may hold no shell syntax (a mask saved by
+    // an older daemon is checked here too).
+    if (!template_value_allowed(mask)) {
+        VLOGE(
+            "Refused mask (%s) of %s: only letters, digits, blanks and _-./:,=+@%% may go "
+            "into its command\n",
+            mask, node->logname);
+        return 0;
+    }
     char *cmd = exec_build_command(w->tmpl, shell_word(path).c_str(), vorn_path(mask).c_str(),
                                    has_link ? shell_word(vorn_path(mask_link)).c_str() : nullptr);
     if (cmd == nullptr)

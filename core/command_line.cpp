@@ -154,3 +154,13 @@ int run_daemon_line(const char *line) {
     fd.reset();
     return 0;
 }
+
+bool template_value_allowed(std::string_view value) {
+    for (char c : value) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  (c != '\0' && strchr(" _-./:,=+@%", c) != nullptr);
+        if (!ok)
+            return false;
+    }
+    return true;
+}

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 // The words of a command line, or false when it holds anything but words
@@ -18,6 +19,11 @@ bool split_command_line(const char *line, std::vector<std::string> *words);
 // returns its wait status as system(3) would (127 << 8 when it cannot be
 // run, -1 when no process can be made). The child dies with the daemon.
 int run_program(const std::vector<std::string> &argv);
+
+// Whether a value (a node's mask) may be pasted into an exec template, which
+// runs through the shell: letters, digits, blanks and _ - . / : , = + @ %
+// only.
+bool template_value_allowed(std::string_view value);
 
 // Carries out one of the daemon's own command lines:
 //   echo [-n] WORD... > FILE   writes the words, joined by one blank and

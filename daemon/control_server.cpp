@@ -1,23 +1,41 @@
-// Serving one connection of the control socket on the main thread.
+// Serving the control socket on the main thread: every connection carries one
+// request. Connections are served side by side from one poll loop, so a
+// client that connects and stays silent never delays another; requests are
+// handled in the order they arrive whole.
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "core/node_table.h"
 #include "daemon/control_request.h"
 #include "daemon/control_socket.h"
-#include "daemon/startup.h"
+#include "platform/io.h"
 #include "platform/log.h"
 
 namespace {
 
-// A client that connects and sends nothing would otherwise hold the only
-// serving thread for ever; after this long its receive fails and it is closed.
-constexpr time_t kReceiveTimeoutSec = 5;
+// A client that connects and sends nothing is closed after this long.
+constexpr long kReceiveTimeoutMs = 5000;
+// Connections held open at once; more wait in the listen backlog.
+constexpr size_t kMaxClients = 64;
+
+struct client {
+    unique_fd fd;
+    long deadline_ms;
+};
+
+long now_ms() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+}
 
 ssize_t send_reply(int fd, const vorn_ctrl_msg *msg) {
     ssize_t n;
@@ -29,50 +47,56 @@ ssize_t send_reply(int fd, const vorn_ctrl_msg *msg) {
     return n;
 }
 
-}  // namespace
-
-void vornd_serve_connection(int listen_fd) {
+// Accepts one connection; false when there was none to take after all.
+bool accept_client(int listen_fd, std::vector<client> *clients) {
     // Close-on-exec: shell commands started by workers must not inherit the
     // connection and keep it open after we close it.
-    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED)
+            return false;
         VLOGE("Failed to accept socket.  return:%d  err:%s\n", fd, strerror(errno));
         vornd_free_nodes();
         exit(-1);
     }
-
+    unique_fd conn(fd);
     struct ucred cred;
     socklen_t cred_len = sizeof cred;
     int rc = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &cred_len);
     if (rc < 0) {
         int err = errno;
-        close(fd);
+        conn.reset();
         VLOGE("Failed to getsockopt. return: %d err:%s\n", rc, strerror(err));
-        return;
+        return true;
     }
+    clients->push_back({std::move(conn), now_ms() + kReceiveTimeoutMs});
+    return true;
+}
 
-    struct timeval timeout = {kReceiveTimeoutSec, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-
+// Reads the client's one request and answers it. False while the request
+// has not arrived yet.
+bool serve_client(client &c) {
     vorn_ctrl_msg msg;
     memset(&msg, 0, sizeof msg);
     ssize_t n;
     do {
-        n = recv(fd, &msg, sizeof msg, 0);
+        n = recv(c.fd.get(), &msg, sizeof msg, 0);
     } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return false;
     if (n < 0) {
         int err = errno;
-        close(fd);
+        c.fd.reset();
         VLOGE("Failed to recv message from socket. return: %d err: %s\n", static_cast<int>(n),
               strerror(err));
-        return;
+        return true;
     }
 
     vorn_reply_kind reply = vornd_handle_request(&msg, static_cast<int>(n));
     if (reply == VORN_REPLY_ACK) {
-        VLOGD("Send %d bytes out", static_cast<int>(send_reply(fd, &msg)));
+        VLOGD("Send %d bytes out", static_cast<int>(send_reply(c.fd.get(), &msg)));
     } else if (reply == VORN_REPLY_MSG) {
-        n = send_reply(fd, &msg);
+        n = send_reply(c.fd.get(), &msg);
         if (n < 0) {
             VLOGE("Failed to send message from socket. return: %d err: %s\n", static_cast<int>(n),
                   strerror(errno));
@@ -80,5 +104,51 @@ void vornd_serve_connection(int listen_fd) {
             VLOGD("Send %d bytes out", static_cast<int>(n));
         }
     }
-    close(fd);
+    c.fd.reset();
+    return true;
+}
+
+}  // namespace
+
+void vornd_serve(int listen_fd) {
+    int flags = fcntl(listen_fd, F_GETFL);
+    if (flags >= 0)
+        fcntl(listen_fd, F_SETFL, flags | O_NONBLOCK);
+    std::vector<client> clients;
+    std::vector<struct pollfd> fds;
+    for (;;) {
+        fds.clear();
+        // At the connection limit the listening socket rests until one ends.
+        fds.push_back({clients.size() < kMaxClients ? listen_fd : -1, POLLIN, 0});
+        long now = now_ms(), wait = -1;
+        for (const client &c : clients) {
+            fds.push_back({c.fd.get(), POLLIN, 0});
+            long left = c.deadline_ms - now;
+            wait = wait < 0 || left < wait ? (left > 0 ? left : 0) : wait;
+        }
+        int ready = poll(fds.data(), fds.size(), static_cast<int>(wait));
+        if (ready < 0 && errno != EINTR) {
+            VLOGE("Failed to accept socket.  return:%d  err:%s\n", ready, strerror(errno));
+            vornd_free_nodes();
+            exit(-1);
+        }
+        now = now_ms();
+        size_t served = clients.size();
+        for (size_t i = 0; i < served; i++) {
+            client &c = clients[i];
+            if (ready > 0 && (fds[i + 1].revents & (POLLIN | POLLHUP | POLLERR)) && serve_client(c))
+                continue;
+            if (c.fd.valid() && now >= c.deadline_ms) {
+                c.fd.reset();
+                VLOGE("Failed to recv message from socket. return: %d err: %s\n", -1,
+                      strerror(EAGAIN));
+            }
+        }
+        std::erase_if(clients, [](const client &c) { return !c.fd.valid(); });
+        // Anything on the listening socket (an error too) is for accept to report.
+        if (ready > 0 && fds[0].revents != 0) {
+            while (clients.size() < kMaxClients && accept_client(listen_fd, &clients)) {
+            }
+        }
+    }
 }

@@ -8,6 +8,7 @@
 // opened to everyone and listening), or -1 when no socket could be made.
 int vornd_create_socket();
 
-// Serves one connection on the listening socket: accept, read one request,
-// answer it and close. An accept failure ends the process.
-void vornd_serve_connection(int listen_fd);
+// Serves the listening socket for ever: every connection carries one request,
+// read within 5 seconds of the accept, answered and closed. Connections are
+// served side by side. An accept failure ends the process.
+[[noreturn]] void vornd_serve(int listen_fd);

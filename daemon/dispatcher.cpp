@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/command_line.h"
 #include "core/config.h"
 #include "core/node_ops.h"
 #include "core/node_table.h"
@@ -54,6 +55,19 @@ int vornd_dispatch_cmd(vorn_pending_cmd *cmd) {
     }
 
     vorn_node *node = &vorn_nodes[idx];
+    char mask[sizeof msg->mask + 1];
+    vorn_msg_get_text(mask, msg->mask, sizeof msg->mask);
+    if ((node->logtype & VORN_LOGTYPE_KIND_MASK) == VORN_KIND_EXEC &&
+        !template_value_allowed(mask)) {
+        // The mask goes into a shell command line: refused before anything
+        // runs or is saved, and the node stays as it was.
+        VLOGE(
+            "Refused mask (%s) of %s: only letters, digits, blanks and _-./:,=+@%% may go "
+            "into its command\n",
+            mask, name);
+        free(cmd);
+        return 0;
+    }
     {
         vorn_node_guard guard(node);
         node->new_file_request = msg->enable >> 1;

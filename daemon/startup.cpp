@@ -115,8 +115,7 @@ int vornd_main(int argc, char **argv) {
         if (rc != 0)
             goto startup_failed;
 
-        for (;;)
-            vornd_serve_connection(listen_fd);
+        vornd_serve(listen_fd);
     }
 
 startup_failed:
