@@ -227,8 +227,10 @@ void *mini_zip(void *message) {
     bool had_entries = false;
     {
         std::lock_guard<std::mutex> serial(g_archive_lock);
-        if (prepare_upload_archive(name, sizeof name, logname, src) == 0) {
-            result = write_archive(name, src, desc_path, &too_large, &had_entries);
+        std::string source;
+        if (archive_request_allowed(logname, src, &source) &&
+            prepare_upload_archive(name, sizeof name, logname, source.c_str()) == 0) {
+            result = write_archive(name, source.c_str(), desc_path, &too_large, &had_entries);
             // A failed request takes back only the empty archive it created.
             if (result != VORN_ZIP_OK && result != VORN_ZIP_PREPARE_FAILED) {
                 if (!had_entries)

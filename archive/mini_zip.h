@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #define VORN_UPLOAD_PATH_MAX 2048  // upload directory and archive names
 #define VORN_ZIP_READ_SIZE 16384   // bytes per read of a source file
@@ -22,6 +23,12 @@ void *mini_zip(void *message);
 // empty archive "log_<stamp>.zip" for the source directory src, whose device
 // path is written into name (len bytes). Returns 0 or -1.
 int prepare_upload_archive(char *name, size_t len, const char *logname, const char *src);
+
+// A request may only pack a directory strictly inside the current log path
+// (after symbolic links and ".." are resolved) under a log kind that is one
+// plain name. True with the resolved device path of the source in *source;
+// false, logged, otherwise.
+bool archive_request_allowed(const char *logname, const char *src, std::string *source);
 
 // Writes the local time as "%Y_%m_%d-%H_%M_%S" into buf (VORN_STAMP_LEN bytes).
 void log_time_stamp(char *buf);

@@ -14,8 +14,26 @@
 #include "archive/mini_zip.h"
 #include "core/file_util.h"
 #include "core/gbl_config.h"
+#include "core/path_check.h"
 #include "platform/log.h"
 #include "platform/root.h"
+
+bool archive_request_allowed(const char *logname, const char *src, std::string *source) {
+    char log_path[VORN_LOG_PATH_LEN];
+    pthread_mutex_lock(&gbl_config_mutex);
+    snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
+    pthread_mutex_unlock(&gbl_config_mutex);
+    if (!vorn_plain_name(logname)) {
+        VLOGE("%s: Refused log kind %s: not one plain name.\n", "vornd", logname);
+        return false;
+    }
+    if (vorn_resolve_dir_inside(src, log_path, source) != 0) {
+        VLOGE("%s: Refused to archive %s: not a directory inside the log path %s.\n", "vornd", src,
+              log_path);
+        return false;
+    }
+    return true;
+}
 
 void log_time_stamp(char *buf) {
     vorn_time_stamp(buf, VORN_STAMP_LEN);

@@ -15,11 +15,16 @@ extern pthread_mutex_t cmd_list_mutex;
 extern vorn_pending_cmd *cmd_list_head;
 extern vorn_pending_cmd **cmd_list_tail;  // where the next command is linked
 
+// Changes waiting at most; a client that floods the socket must not grow the
+// daemon without bound.
+#define VORN_CMD_LIST_MAX 1024
+
 // Makes the list empty and initialises its mutex (start-up, before any thread).
 void cmd_list_init();
 
-// Links cmd at the tail; takes cmd_list_mutex.
-void cmd_list_append(vorn_pending_cmd *cmd);
+// Links cmd at the tail; takes cmd_list_mutex. False, with cmd left to the
+// caller, when VORN_CMD_LIST_MAX commands are already waiting.
+bool cmd_list_append(vorn_pending_cmd *cmd);
 
 // Unlinks and returns the head, or null when empty. The caller holds
 // cmd_list_mutex.

@@ -1,5 +1,6 @@
 #include "core/config.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/syscall.h>
@@ -317,4 +318,18 @@ std::vector<std::string> vorn_config_node_names(const char *path) {
     }
     xmlFreeDoc(d);
     return names;
+}
+
+void vorn_config_remove_stale_temps() {
+    std::string work = vorn_path(VORN_WORK_CONF);
+    std::string dir = work.substr(0, work.rfind('/') + 1);
+    std::string prefix = work.substr(dir.size()) + ".tmp.";
+    unique_dir d(opendir(dir.empty() ? "." : dir.c_str()));
+    if (!d)
+        return;
+    while (struct dirent *ent = readdir(d.get())) {
+        if (strncmp(ent->d_name, prefix.c_str(), prefix.size()) == 0 &&
+            unlinkat(dirfd(d.get()), ent->d_name, 0) == 0)
+            VLOGD("Removed %s, left by an interrupted save", ent->d_name);
+    }
 }

@@ -62,3 +62,7 @@ int vorn_config_save();
 // element holds the global settings). Empty when the file cannot be read.
 // Quiet: for clients that show the daemon's nodes.
 std::vector<std::string> vorn_config_node_names(const char *path);
+
+// Removes temporary files of saves that a killed daemon left beside the
+// working copy (start-up, before anything saves).
+void vorn_config_remove_stale_temps();

@@ -8,6 +8,9 @@
 
 #define VORN_MSG_SIZE 256
 #define VORN_MSG_REPLY 0x80  // bit 7 of msg_type marks a reply
+// Byte 0 of the reply to a type-2 request that was dropped because the
+// pending list is full.
+#define VORN_MSG_NOT_QUEUED 0xFF
 
 enum vorn_msg_type : uint8_t {
     VORN_MSG_QUERY_NODE = 1,    // reply 0x81 with the node's fields

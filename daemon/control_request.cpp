@@ -10,6 +10,7 @@
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
 #include "core/node_table.h"
+#include "core/path_check.h"
 #include "platform/log.h"
 
 namespace {
@@ -54,13 +55,20 @@ vorn_reply_kind query_node(vorn_ctrl_msg *msg) {
 vorn_reply_kind queue_change(vorn_ctrl_msg *msg) {
     dump_fields(msg);
     auto *cmd = static_cast<vorn_pending_cmd *>(malloc(sizeof(vorn_pending_cmd)));
+    bool full = false;
     if (cmd == nullptr) {
         VLOGE("pcmd_entry malloc: out of memory");
     } else {
         memcpy(&cmd->msg, msg, sizeof cmd->msg);
-        cmd_list_append(cmd);
+        full = !cmd_list_append(cmd);
+        if (full) {
+            VLOGE("Pending command list full (%d), change for %.*s dropped", VORN_CMD_LIST_MAX,
+                  static_cast<int>(sizeof msg->logname), msg->logname);
+            free(cmd);
+        }
     }
-    vorn_msg_init(msg, VORN_MSG_REPLY);
+    // A client flooding the socket learns that its change was dropped.
+    vorn_msg_init(msg, full ? VORN_MSG_NOT_QUEUED : VORN_MSG_REPLY);
     return VORN_REPLY_ACK;
 }
 
@@ -80,6 +88,11 @@ void change_log_path(const vorn_ctrl_msg *msg) {
                       VORN_MSG_SIZE - VORN_MSG_GBL_LOG_PATH_OFF);
     if (strcmp(gbl_config.log_path, path) == 0)
         return;
+    // Every log file, archive and removal happens under this path.
+    if (!vorn_log_path_acceptable(path)) {
+        VLOGE("Refused log path %s: not absolute, or holds \"..\"\n", path);
+        return;
+    }
     vorn_config_set_attr(vorn_conf_root ? xmlFirstElementChild(vorn_conf_root) : nullptr,
                          "log_path", path);
     pthread_mutex_lock(&gbl_config_mutex);

@@ -89,6 +89,7 @@ int vornd_main(int argc, char **argv) {
     }
 
     vorn_use_register_table();
+    vorn_config_remove_stale_temps();
     int elements = vorn_config_choose();
     if (elements < 0) {
         rc = -1;

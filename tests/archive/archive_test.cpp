@@ -29,7 +29,7 @@ namespace {
 using Files = std::map<std::string, std::string>;  // name -> content
 using Names = std::vector<std::string>;
 
-const std::string kSrc = "/data/crash/dump1";
+const std::string kSrc = "/sdcard/logs/crash/dump1";
 const std::string kUpload = "/sdcard/logs//upload/ssr";
 
 std::string random_bytes(size_t n, unsigned seed) {
@@ -134,7 +134,7 @@ TEST_F(ArchiveTest, DescriptionStampNamesTheArchiveAndRepeatsAddIntoIt) {
                              {"empty.log", ""}});
     request(kSrc);
     EXPECT_EQ(results(), std::vector<int>{0});
-    EXPECT_TRUE(log.has("mini_zip: logname->ssr, logpath->/data/crash/dump1.\n"));
+    EXPECT_TRUE(log.has("mini_zip: logname->ssr, logpath->/sdcard/logs/crash/dump1.\n"));
     EXPECT_TRUE(
         log.has("broadcast: am broadcast -a action.kymbal.from_vornd --ei result 0 "
                 "--es para \"UPLOAD\""));
@@ -147,8 +147,9 @@ TEST_F(ArchiveTest, DescriptionStampNamesTheArchiveAndRepeatsAddIntoIt) {
     expect_zip(zip, want);
 
     // A second folder with the same stamp is added into the existing archive.
-    make_source({{"modem_description_2016_01_02.txt", "again\n"}, {"b.bin", "2"}}, "/data/d2");
-    request("/data/d2");
+    make_source({{"modem_description_2016_01_02.txt", "again\n"}, {"b.bin", "2"}},
+                "/sdcard/logs/d2");
+    request("/sdcard/logs/d2");
     EXPECT_EQ(results(), (std::vector<int>{0, 0}));
     want.insert({{"modem_description_2016_01_02.txt", "again\n"}, {"Crash/b.bin", "2"}});
     expect_zip(zip, want);
@@ -182,9 +183,10 @@ TEST_F(ArchiveTest, UnreadableEntryStopsTheWalk) {
         Kind kind;
         const char *message;
     } cases[] = {
-        {"dump.bin", kDir, "vornd: error in reading /data/crash/dump1/dump.bin\n"},
-        {"pipe.bin", kFifo, "vornd: error in opening /data/crash/dump1/pipe.bin for reading\n"},
-        {"link.bin", kLink, "vornd: error in reading /data/crash/dump1/link.bin\n"},
+        {"dump.bin", kDir, "vornd: error in reading /sdcard/logs/crash/dump1/dump.bin\n"},
+        {"pipe.bin", kFifo,
+         "vornd: error in opening /sdcard/logs/crash/dump1/pipe.bin for reading\n"},
+        {"link.bin", kLink, "vornd: error in reading /sdcard/logs/crash/dump1/link.bin\n"},
     };
     root.write("/data/keep/precious.log", "p");
     for (const auto &c : cases) {
@@ -224,22 +226,23 @@ TEST_F(ArchiveTest, FailuresAreReportedAndTheSourceKept) {
         int result;
         const char *message;
     } cases[] = {
-        {"missing source", -3, "vornd: opendir /c0/logs//upload/ssr failed: No such file"},
-        {"log root is a file", -3, "vornd: Failed to create /c1/logs//upload/ssr/log_x.zip.zip: "},
+        {"missing source", -3, "vornd: Refused to archive /c0/logs/src: not a directory inside"},
+        {"upload area is a file", -3,
+         "vornd: Failed to create /c1/logs//upload/ssr/log_x.zip.zip: "},
         {"archive name taken by a non-zip", -1, "vornd: Zip Open failed.\n"},
         {"file of 4 GiB", -3,
-         "vornd: /c3/src/core.bin is too large for an archive without zip64\n"},
+         "vornd: /c3/logs/src/core.bin is too large for an archive without zip64\n"},
     };
     for (int i = 0; i < static_cast<int>(std::size(cases)); i++) {
         SCOPED_TRACE(cases[i].what);
         log.clear();
-        std::string base = "/c" + std::to_string(i), src = base + "/src";
+        std::string base = "/c" + std::to_string(i), src = base + "/logs/src";
         std::string upload = base + "/logs//upload/ssr";
         snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s/logs/", base.c_str());
         if (i != 0)
             root.write(src + "/description_x.zip", "d");
         if (i == 1)
-            root.write(base + "/logs", "not a directory");
+            root.write(base + "/logs/upload", "not a directory");
         if (i == 2)
             root.write(upload + "/log_x.zip.zip", "not a zip");
         if (i == 3) {
@@ -258,6 +261,64 @@ TEST_F(ArchiveTest, FailuresAreReportedAndTheSourceKept) {
     }
 }
 
+// Only a directory strictly inside the log path is packed and removed, and
+// only under a log kind that is one plain name; anything else is refused
+// with -3 before anything is created or removed.
+TEST_F(ArchiveTest, RequestsReachingOutsideTheLogPathAreRefused) {
+    root.write("/etc/vorn-conf.xml", "conf");
+    root.write("/data/vorn-conf.xml", "conf");
+    root.write("/outside/keep.log", "k");
+    root.write("/sdcard/logs/Dmesg/dmesg.1", "d");
+    ASSERT_EQ(symlink(root.at("/outside").c_str(), root.at("/sdcard/logs/link").c_str()), 0);
+    ASSERT_EQ(symlink("../../outside", root.at("/sdcard/logs/rel").c_str()), 0);
+    const struct {
+        const char *logname;
+        const char *src;
+    } cases[] = {
+        {"ssr", "/"},
+        {"ssr", "/etc"},
+        {"ssr", "/data"},
+        {"ssr", "/sdcard/logs"},
+        {"ssr", "/sdcard/logs/"},
+        {"ssr", "/sdcard/logs/.."},
+        {"ssr", "/sdcard/logs/Dmesg/../../.."},
+        {"ssr", "../../.."},
+        {"ssr", "sdcard/logs/Dmesg"},
+        {"ssr", "/sdcard/logs/link"},
+        {"ssr", "/sdcard/logs/rel"},
+        {"ssr", "/sdcard/logs/Dmesg/dmesg.1"},
+        {"../../../../x", "/sdcard/logs/Dmesg"},
+        {"a/b", "/sdcard/logs/Dmesg"},
+        {"..", "/sdcard/logs/Dmesg"},
+        {"", "/sdcard/logs/Dmesg"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.logname) + " " + c.src);
+        auto *msg = static_cast<vorn_ctrl_msg *>(calloc(1, sizeof(vorn_ctrl_msg)));
+        msg->msg_type = VORN_MSG_ARCHIVE;
+        snprintf(msg->logname, sizeof msg->logname, "%s", c.logname);
+        snprintf(msg->mask, sizeof msg->mask, "%s", c.src);
+        mini_zip(msg);
+        EXPECT_EQ(results().back(), -3);
+        EXPECT_TRUE(log.has_containing("vornd: Refused")) << log.dump();
+    }
+    EXPECT_EQ(results().size(), std::size(cases));
+    EXPECT_EQ(root.read("/etc/vorn-conf.xml"), "conf");
+    EXPECT_EQ(root.read("/data/vorn-conf.xml"), "conf");
+    EXPECT_EQ(root.read("/outside/keep.log"), "k");
+    EXPECT_EQ(root.read("/sdcard/logs/Dmesg/dmesg.1"), "d");
+    EXPECT_FALSE(root.exists("/sdcard/logs/upload"));
+    EXPECT_FALSE(root.exists("/x"));
+
+    // A source reached through ".." that stays inside is packed as its
+    // resolved path.
+    make_source({{"a.log", "a"}}, "/sdcard/logs/crash/inside");
+    request("/sdcard/logs/Dmesg/../crash/./inside");
+    EXPECT_EQ(results().back(), 0);
+    EXPECT_FALSE(root.exists("/sdcard/logs/crash/inside"));
+    EXPECT_EQ(root.read("/sdcard/logs/Dmesg/dmesg.1"), "d");
+}
+
 // Two requests at once, one of them of 10,000 small files.
 TEST_F(ArchiveTest, TwoRequestsAtOnceOneOfTenThousandFiles) {
     Files many{{"description_many", "many"}}, want{{"description_many", "many"}};
@@ -265,17 +326,18 @@ TEST_F(ArchiveTest, TwoRequestsAtOnceOneOfTenThousandFiles) {
         std::string name = "f" + std::to_string(i) + ".log";
         many[name] = want["Crash/" + name] = "<6>[" + std::to_string(i) + ".000000] " + name + "\n";
     }
-    make_source(many, "/d/a");
-    Files b = make_source({{"description_B", "b"}, {"b.bin", random_bytes(3 << 20, 3)}}, "/d/b");
-    std::thread ta([] { request("/d/a"); });
-    request("/d/b");
+    make_source(many, "/sdcard/logs/d/a");
+    Files b = make_source({{"description_B", "b"}, {"b.bin", random_bytes(3 << 20, 3)}},
+                          "/sdcard/logs/d/b");
+    std::thread ta([] { request("/sdcard/logs/d/a"); });
+    request("/sdcard/logs/d/b");
     ta.join();
     EXPECT_EQ(results(), (std::vector<int>{0, 0}));
     EXPECT_EQ(walk_order(kUpload).size(), 2u);
     expect_zip(root.at(kUpload + "/log_many.zip"), want);
     expect_zip(root.at(kUpload + "/log_B.zip"),
                {{"description_B", "b"}, {"Crash/b.bin", b["b.bin"]}});
-    EXPECT_FALSE(root.exists("/d/a") || root.exists("/d/b"));
+    EXPECT_FALSE(root.exists("/sdcard/logs/d/a") || root.exists("/sdcard/logs/d/b"));
 }
 
 // The other files vanish while the first one is being compressed: the walk
@@ -312,10 +374,12 @@ TEST_F(ArchiveTest, SourceFileDisappearsMidWalk) {
 // Two requests into the same archive at once are written one after the
 // other: the archive holds the entries of both.
 TEST_F(ArchiveTest, TwoRequestsIntoOneArchiveAreSerialised) {
-    Files a = make_source({{"description_same", "a"}, {"a.bin", random_bytes(2 << 20, 8)}}, "/d/a");
-    Files b = make_source({{"description_same", "b"}, {"b.bin", random_bytes(2 << 20, 9)}}, "/d/b");
-    std::thread ta([] { request("/d/a"); });
-    request("/d/b");
+    Files a = make_source({{"description_same", "a"}, {"a.bin", random_bytes(2 << 20, 8)}},
+                          "/sdcard/logs/d/a");
+    Files b = make_source({{"description_same", "b"}, {"b.bin", random_bytes(2 << 20, 9)}},
+                          "/sdcard/logs/d/b");
+    std::thread ta([] { request("/sdcard/logs/d/a"); });
+    request("/sdcard/logs/d/b");
     ta.join();
     EXPECT_EQ(results(), (std::vector<int>{0, 0}));
     const char *script =
@@ -354,10 +418,11 @@ TEST_F(ArchiveTest, FailedCloseKeepsTheArchiveOfEarlierRequests) {
     root.mkdir(kUpload);
     if (mount("tmpfs", upload.c_str(), "tmpfs", 0, "size=64k") != 0)
         GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
-    make_source({{"description_keep", "first"}, {"small.log", "small"}}, "/d/one");
-    request("/d/one");
-    make_source({{"description_keep", "second"}, {"big.bin", random_bytes(1 << 20, 10)}}, "/d/two");
-    request("/d/two");
+    make_source({{"description_keep", "first"}, {"small.log", "small"}}, "/sdcard/logs/d/one");
+    request("/sdcard/logs/d/one");
+    make_source({{"description_keep", "second"}, {"big.bin", random_bytes(1 << 20, 10)}},
+                "/sdcard/logs/d/two");
+    request("/sdcard/logs/d/two");
     std::string kept = read_file(root.at(kUpload + "/log_keep.zip"));
     Names left = walk_order(kUpload);
     umount2(upload.c_str(), MNT_DETACH);
@@ -368,7 +433,7 @@ TEST_F(ArchiveTest, FailedCloseKeepsTheArchiveOfEarlierRequests) {
     write_file(root.at("/check.zip"), kept);
     expect_zip(root.at("/check.zip"),
                {{"description_keep", "first"}, {"Crash/small.log", "small"}});
-    EXPECT_TRUE(root.exists("/d/two/big.bin"));
+    EXPECT_TRUE(root.exists("/sdcard/logs/d/two/big.bin"));
 }
 
 }  // namespace

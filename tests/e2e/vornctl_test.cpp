@@ -112,16 +112,16 @@ TEST_F(VornctlTest, AgentSummaryFromTheLog) {
 }
 
 TEST_F(VornctlTest, ArchiveAndItsBroadcast) {
-    d.write("/data/crash/description_2016_01_02.txt", "why\n");
-    d.write("/data/crash/ramdump.bin", std::string(10000, 'r'));
-    ProcessResult r = ctl({"archive", "Crash", "/data/crash"}, 0);
+    d.write("/sdcard/logs/crash/description_2016_01_02.txt", "why\n");
+    d.write("/sdcard/logs/crash/ramdump.bin", std::string(10000, 'r'));
+    ProcessResult r = ctl({"archive", "Crash", "/sdcard/logs/crash"}, 0);
     std::string upload = d.at("/sdcard/logs/upload/Crash");
-    EXPECT_EQ(r.out,
-              "archive of /data/crash will appear as " + upload + "/log_2016_01_02.txt.zip\n");
+    EXPECT_EQ(r.out, "archive of /sdcard/logs/crash will appear as " + upload +
+                         "/log_2016_01_02.txt.zip\n");
 
-    d.write("/data/crash2/description_2017_03_04.txt", "why\n");
-    d.write("/data/crash2/ramdump.bin", "r");
-    r = ctl({"archive", "--wait", "Crash", "/data/crash2"}, 0);
+    d.write("/sdcard/logs/crash2/description_2017_03_04.txt", "why\n");
+    d.write("/sdcard/logs/crash2/ramdump.bin", "r");
+    r = ctl({"archive", "--wait", "Crash", "/sdcard/logs/crash2"}, 0);
     EXPECT_EQ(r.out.rfind(upload + "/log_2017_03_04.txt.zip: ", 0), 0u) << r.out;
     EXPECT_NE(r.out.find(" bytes, 2 entries\n"), std::string::npos) << r.out;
 
@@ -136,7 +136,7 @@ TEST_F(VornctlTest, ArchiveAndItsBroadcast) {
 
     // A broadcast whose am always fails is run 4 times.
     d.set_am_exit_status(1);
-    ctl({"archive", "Crash", "/data/no-such-dir"}, 0);
+    ctl({"archive", "Crash", "/sdcard/logs/no-such-dir"}, 0);
     sent = wait_broadcasts(6);
     ASSERT_EQ(sent.size(), 6u);
     EXPECT_EQ(sent[5], "broadcast -a action.kymbal.from_vornd --ei result -3 --es para UPLOAD");
