@@ -39,6 +39,10 @@ int echo_into(const char *word, const char *device_path) {
     return run_daemon_line(cmd);
 }
 
+// An empty command line, which some sink changes ran, always succeeded:
+// there is nothing to run.
+constexpr int kEmptyCommand = 0;
+
 uint32_t dagt_sink_set(dagt_cmd_t *cmd, dagt_result *result);
 uint32_t dagt_sink_get(dagt_cmd_t *cmd, dagt_result *result);
 uint32_t dagt_sink_set_ddr_bytecount(dagt_cmd_t *cmd, dagt_result *result);
@@ -105,7 +109,7 @@ uint32_t dagt_sink_select(dagt_cmd_t *cmd, dagt_result *result) {
     if (strcasecmp(mode, "etb") == 0) {
         rc = echo_into("1", kEtfCurrSink);
         if (rc != 0)
-            rc = run_command("");
+            rc = kEmptyCommand;
     } else if (strcasecmp(mode, "ddr") == 0) {
         rc = select_with_fallback(kEtrCurrSink, "mem", kEtrOutMode);
     } else if (strcasecmp(mode, "usb") == 0) {
@@ -226,7 +230,7 @@ uint32_t dagt_cmd_sink_h(dagt_cmd_t *cmd, dagt_result *result) {
 int dagt_set_outmode(int mode) {
     switch (mode) {
         case 1:
-            return run_command("");
+            return kEmptyCommand;
         case 2:
             return echo_into("mem", kEtrOutMode);
         case 3:
@@ -242,6 +246,6 @@ int dagt_set_outmode(int mode) {
         }
         default:
             VLOGE("%s: Unsupported QDSS out mode (%d)\n", "dagt_set_outmode", mode);
-            return run_command("");
+            return kEmptyCommand;
     }
 }

@@ -111,8 +111,10 @@ void stop_command(exec_worker *w) {
 }
 
 void start_command(exec_worker *w, const char *cmd) {
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
+        vorn_child_dies_with_parent(parent);
         execl(w->shell.c_str(), "sh", "-c", cmd, static_cast<char *>(nullptr));
         VLOGE("Failed to start execl: %d\n", errno);
         _exit(127);

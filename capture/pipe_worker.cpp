@@ -15,6 +15,7 @@
 
 #include "capture/log_writer.h"
 #include "capture/worker_util.h"
+#include "core/command_line.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -85,6 +86,7 @@ class pipe_worker {
                               const_cast<char *>(provider), nullptr};
         int fds[2] = {-1, -1};
         pid_t pid = -1;
+        pid_t parent = getpid();
         auto *child = static_cast<capture_child *>(malloc(sizeof(capture_child)));
         // Close-on-exec, so that other workers' providers never hold this pipe open.
         if (child == nullptr || pipe2(fds, O_CLOEXEC) != 0 || (pid = fork()) < 0) {
@@ -97,7 +99,7 @@ class pipe_worker {
             return false;
         }
         if (pid == 0)
-            exec_provider(fds, shell.c_str(), argv);
+            exec_provider(parent, fds, shell.c_str(), argv);
 
         close(fds[1]);
         child->fd = fds[0];
@@ -111,8 +113,9 @@ class pipe_worker {
         return true;
     }
 
-    [[noreturn]] static void exec_provider(const int fds[2], const char *shell,
+    [[noreturn]] static void exec_provider(pid_t parent, const int fds[2], const char *shell,
                                            char *const argv[]) {
+        vorn_child_dies_with_parent(parent);
         close(fds[0]);
         if (fds[1] != STDOUT_FILENO) {
             dup2(fds[1], STDOUT_FILENO);

@@ -1,5 +1,8 @@
 #include "capture/switches.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +13,7 @@
 #include "core/config.h"
 #include "core/file_util.h"
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -19,11 +23,38 @@ constexpr const char *kDebugfs = "/sys/kernel/debug";
 constexpr const char *kBtConf = "/etc/bluetooth/bt_stack.conf";
 constexpr const char *kBtTemp = "/data/bt_temp.conf";
 constexpr const char *kBtKey = "BtSnoopLogOutput";
+// A query file is a short list; a bigger one is read only this far.
+constexpr size_t kQueryFileMax = 64 * 1024;
+
+// Reads the query file at a device path. Only a regular file is read: a FIFO
+// or a device would keep the dispatcher reading for ever. Anything else fails
+// as a missing file does. Returns 0 or -1.
+int read_query_file(const char *path, std::string *text) {
+    unique_fd fd(open(vorn_path(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st;
+    if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return -1;
+    text->resize(kQueryFileMax);
+    ssize_t n = read_full(fd.get(), text->data(), text->size());
+    if (n < 0)
+        return -1;
+    text->resize(static_cast<size_t>(n));
+    return 0;
+}
 
 }  // namespace
 
 int set_dynamic_debug_mask(char *path, int on) {
-    unique_file f(fopen(vorn_path(path).c_str(), "re"));
+    std::string text;
+    if (read_query_file(path, &text) != 0) {
+        free(path);
+        return -1;
+    }
+    if (text.empty()) {
+        free(path);
+        return 0;  // no query: nothing to run, and that is success
+    }
+    unique_file f(fmemopen(text.data(), text.size(), "r"));
     if (f == nullptr) {
         free(path);
         return -1;

@@ -71,6 +71,13 @@ bool split_command_line(const char *line, std::vector<std::string> *words) {
     }
 }
 
+void vorn_child_dies_with_parent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // The daemon may have gone between the fork and the prctl.
+    if (getppid() != parent)
+        _exit(127);
+}
+
 int run_program(const std::vector<std::string> &argv) {
     if (argv.empty())
         return kRefused;
@@ -84,9 +91,7 @@ int run_program(const std::vector<std::string> &argv) {
     if (pid < 0)
         return -1;
     if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent)
-            _exit(127);
+        vorn_child_dies_with_parent(parent);
         sigset_t none;
         sigemptyset(&none);
         pthread_sigmask(SIG_SETMASK, &none, nullptr);

@@ -5,6 +5,8 @@
 // path, a value or a query that came with a request) is ever run.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +16,12 @@
 // shell_dquoted produce, backslash escapes) and ">" tokens: unquoted shell
 // operators, substitutions, globs, comments or control characters.
 bool split_command_line(const char *line, std::vector<std::string> *words);
+
+// Called in a child between fork and exec: the child gets SIGKILL when the
+// daemon goes, however it goes, so no provider outlives it and a restart never
+// finds a second copy running. parent is getpid() before the fork.
+// Async-signal-safe.
+void vorn_child_dies_with_parent(pid_t parent);
 
 // Starts argv[0] searched on PATH with the argument vector, waits for it and
 // returns its wait status as system(3) would (127 << 8 when it cannot be

@@ -66,6 +66,12 @@ TEST(SinkTest, AttributesAndByteCount) {
     agent_run_cases(
         {
             {"sink set ddr byte_count 4096", {}, 0, nullptr, {{kBytes, "4096\n"}, {kStm, "1"}}},
+            // Typed text reaches the file as it is and is never run.
+            {"sink set ddr byte_count `id`;$(id)|&>x'",
+             {},
+             0,
+             nullptr,
+             {{kBytes, "`id`;$(id)|&>x'\n"}}},
             {"sink set ddr byte_count", {}, 4, nullptr, {}},
             {"sink set ddr byte_count 1 2", {}, 4, nullptr, {}},
             {"sink set ddr location x", {}, 0, nullptr, {{kEtr, ""}, {kStm, "1"}}},

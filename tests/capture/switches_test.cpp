@@ -1,5 +1,6 @@
 // The DynamicDebug and Bluetooth switches, with the debugfs control file and
 // the system partition under the test root and a recording mount on PATH.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -80,6 +81,44 @@ TEST_F(SwitchesTest, DynamicDebugRunsEveryQueryLineAndSkipsCommentsAndBlanks) {
     vorn_ctrl_msg missing = msg(1, "/data/missing.txt");
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &missing), -1);
     EXPECT_EQ(vorn_set_dynamic_debug(nullptr, nullptr), -1);
+}
+
+// Counts this process's open descriptors.
+size_t open_fds() {
+    size_t n = 0;
+    if (DIR *d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr)
+            n++;
+        closedir(d);
+    }
+    return n;
+}
+
+TEST_F(SwitchesTest, DynamicDebugReadsOnlyRegularQueryFilesAndClosesThem) {
+    // A FIFO nobody writes, an endless device and a directory would stall
+    // the dispatcher or read nothing sensible: each fails like a missing file.
+    root_->mkdir("/data/qdir");
+    ASSERT_EQ(mkfifo(root_->at("/data/fifo").c_str(), 0600), 0);
+    ASSERT_EQ(symlink("/dev/zero", root_->at("/data/zero").c_str()), 0);
+    for (const char *path : {"/data/fifo", "/data/zero", "/data/qdir"}) {
+        vorn_ctrl_msg m = msg(1, path);
+        EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &m), -1) << path;
+    }
+    EXPECT_EQ(log_.count_containing("echo -n"), 0u);
+
+    // Only the first 64 KiB of a large file count; toggling leaks nothing.
+    std::string big;
+    for (int i = 0; big.size() < 64 * 1024; i++)
+        big += "func f" + std::to_string(i) + std::string(400, 'x') + "\n";
+    root_->write("/data/big.txt", big + "func beyond\n");
+    size_t before = open_fds();
+    for (int i = 0; i < 20; i++) {
+        vorn_ctrl_msg m = msg(i % 2, "/data/big.txt");
+        log_.clear();
+        EXPECT_EQ(vorn_set_dynamic_debug(nullptr, &m), 0);
+    }
+    EXPECT_EQ(open_fds(), before);
+    EXPECT_FALSE(log_.has_containing("func beyond"));
 }
 
 TEST_F(SwitchesTest, BluetoothRewritesEveryKeyLineBetweenTwoRemounts) {

@@ -1,7 +1,10 @@
 // The shell runner's status cases and the broadcast retries.
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -127,6 +130,35 @@ TEST(ShellTest, BroadcastRetriesUntilAmSucceedsAtMostFourRuns) {
     EXPECT_EQ(log.count("broadcast: am broadcast -a action.kymbal.from_vornd --ei result 0 --es "
                         "para \"UPLOAD\""),
               3u);
+}
+
+// Programs the daemon starts get SIGKILL when it dies, however it dies: a
+// forked stand-in for the daemon is killed and its child must go too.
+TEST(ShellTest, ChildrenDieWithTheDaemon) {
+    TempRoot dir;
+    const std::string pidfile = dir.path() + "/pid";
+    pid_t daemon = fork();
+    ASSERT_GE(daemon, 0);
+    if (daemon == 0) {
+        run_program({"sh", "-c", "echo $$ > " + pidfile + "; exec sleep 60"});
+        _exit(0);
+    }
+    std::string pid;
+    for (int i = 0; i < 500 && (pid = read_file(pidfile)).empty(); i++)
+        usleep(10000);
+    ASSERT_FALSE(pid.empty());
+    pid.erase(pid.find_last_not_of('\n') + 1);
+    kill(daemon, SIGKILL);
+    waitpid(daemon, nullptr, 0);
+    bool gone = false;
+    for (int i = 0; i < 500 && !gone; i++) {
+        // Reaped by init once it died; a zombie counts as gone too.
+        std::string stat = read_file("/proc/" + pid + "/stat");
+        gone = stat.empty() || stat.find(") Z ") != std::string::npos;
+        if (!gone)
+            usleep(10000);
+    }
+    EXPECT_TRUE(gone) << "child " << pid << " outlived its parent";
 }
 
 }  // namespace

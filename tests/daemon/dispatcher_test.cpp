@@ -16,6 +16,7 @@
 #include "daemon/dispatcher.h"
 #include "daemon/register_table.h"
 #include "tests/core/daemon_state.h"
+#include "tests/support/file_saves.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
@@ -145,6 +146,33 @@ TEST_F(DispatcherTest, AFailedOpUndoesTheStateBitButNotTheFile) {
         EXPECT_EQ(attr(c.name, "enable"), std::to_string(c.enable)) << c.name;
         EXPECT_EQ(attr(c.name, "mask"), "changed") << c.name;
     }
+}
+
+// An exec node pastes its mask into a shell command line: a mask with shell
+// code is refused before any op runs or anything is saved.
+TEST_F(DispatcherTest, ExecMasksWithShellCodeAreRefusedAndNotSaved) {
+    vorn_node *b = node("Beta");
+    b->logtype = VORN_KIND_EXEC;
+    const int pending = b->pending_change;
+    FileSaves saves(root.at("/data"), "vorn-conf.xml");
+    for (const char *mask : {"x;touch /data/p", "$(touch /data/p)", "`touch /data/p`", "a|b", "a&b",
+                             "a\nb", "a>b", "'q'", "\"q\"", "a\\b", "*", "~x"}) {
+        log.clear();
+        EXPECT_EQ(apply("Beta", 1, mask), 0);
+        EXPECT_TRUE(log.has_containing(std::string("Refused mask (") + mask + ") of Beta: "))
+            << log.dump();
+    }
+    EXPECT_TRUE(g_calls.empty());
+    EXPECT_EQ(saves.count(), 0);
+    EXPECT_EQ(attr("Beta", "mask"), "b0");
+    EXPECT_STREQ(b->mask, "b0");
+    EXPECT_EQ(b->pending_change, pending);
+
+    // Options and paths pass; other kinds take any mask.
+    EXPECT_EQ(apply("Beta", 1, "-s 0 -w /data/x.pcap ip=1,2 a+b@c%d:e"), 0);
+    EXPECT_EQ(attr("Beta", "mask"), "-s 0 -w /data/x.pcap ip=1,2 a+b@c%d:e");
+    EXPECT_EQ(apply("Alpha", 1, "a;b"), 0);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"enable Beta", "enable Alpha"}));
 }
 
 // Run under LeakSanitizer, this also shows that the command is freed.

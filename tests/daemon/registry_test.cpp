@@ -169,6 +169,19 @@ TEST_F(RegistryTest, WorkThreadsAreNamedAfterTheNode) {
     ASSERT_TRUE(wait_calls(2));
     EXPECT_STREQ(g_name, "vorn_zip");
 
+    // Threads that are gone before their creator returns: each names itself,
+    // so none is named after it exited (which crashed the daemon).
+    static std::atomic<int> ended{0};
+    auto quick = [](void *) -> void * {
+        ended++;
+        return nullptr;
+    };
+    for (int i = 0; i < 1000; i++)
+        ASSERT_EQ(start_detached_thread(quick, nullptr, "vorn_zip"), 0);
+    for (int i = 0; i < 500 && ended < 1000; i++)
+        usleep(10000);
+    EXPECT_EQ(ended, 1000);
+
     // No handler: nothing starts.
     const vorn_node_ops nowork = {"x", nullptr, op_ok, op_ok, nullptr};
     node.ops = &nowork;

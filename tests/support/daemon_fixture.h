@@ -57,6 +57,8 @@ class DaemonFixture : public TempRoot {
     bool alive();
     // Kills the daemon and every process it started.
     void stop();
+    // The daemon's pid (-1 before the first start).
+    pid_t pid() const { return pid_; }
     // Exit status once it has exited, -1 before or when killed.
     int exit_status();
 

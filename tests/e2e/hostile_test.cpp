@@ -1,0 +1,160 @@
+// What a hostile client of the 0666 socket tries: requests that reach outside
+// the log root, shell code in masks, silent connections and floods. None may
+// hand out root, lose data or stop the daemon.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/support/conf_text.h"
+#include "tests/support/daemon_fixture.h"
+
+namespace {
+
+std::string exec_node(const std::string &name, const std::string &provider) {
+    return "  <" + name + " logname=\"" + name + "\" enable=\"0\" logtype=\"64\" log_provider=\"" +
+           provider + "\" log_filepath=\"" + name + "/" + name + "\"/>\n";
+}
+
+vorn_ctrl_msg log_path_msg(const char *path) {
+    vorn_ctrl_msg m = ctrl_msg(VORN_MSG_SET_LOG_PATH);
+    vorn_msg_put_text(reinterpret_cast<char *>(&m) + VORN_MSG_GBL_LOG_PATH_OFF,
+                      VORN_MSG_GBL_LOG_PATH_LEN, path);
+    return m;
+}
+
+class HostileTest : public ::testing::Test {
+  protected:
+    void start(const std::string &nodes) {
+        d.write_config(make_conf("1", "enable=\"1\" log_path=\"/sdcard/logs/\"", nodes));
+        ASSERT_TRUE(d.start()) << d.log();
+    }
+    // Waits until am has been run n times in all.
+    size_t wait_broadcasts(size_t n, int timeout_ms = 20000) {
+        for (int waited = 0; waited < timeout_ms && d.broadcasts().size() < n; waited += 50)
+            usleep(50000);
+        return d.broadcasts().size();
+    }
+    DaemonFixture d;
+};
+
+TEST_F(HostileTest, RequestsStayInsideTheLogRootAndSilentClientsDelayNobody) {
+    d.write("/sdcard/logs/Alpha/keep.1", "k");
+    ASSERT_EQ(symlink("../../data", d.at("/sdcard/logs/link").c_str()), 0);
+    start(pipe_node("Alpha") + exec_node("Pcap", "echo #mask"));
+
+    // Ten clients that connect and say nothing: a query is still answered at once.
+    std::vector<int> silent;
+    for (int i = 0; i < 10; i++)
+        silent.push_back(d.connect_socket());
+    usleep(100000);
+    auto t0 = std::chrono::steady_clock::now();
+    CtrlExchange r = d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha"), 3000);
+    double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_EQ(r.reply.size(), 256u);
+    EXPECT_LT(waited, 1.0);
+    for (int fd : silent)
+        close(fd);
+
+    // Log paths that are relative or climb out are neither applied nor saved.
+    FileSaves saves = d.working_saves();
+    for (const char *path : {"/../outside-logs/", "relative/logs/", "/sdcard/../x/", "..", "/"}) {
+        size_t mark = d.log_mark();
+        d.exchange(log_path_msg(path));
+        EXPECT_FALSE(d.wait_for_log(std::string("Refused log path ") + path, 3000, mark).empty());
+    }
+    r = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
+    EXPECT_STREQ(r.reply.c_str() + VORN_MSG_GBL_LOG_PATH_OFF, "/sdcard/logs/");
+    EXPECT_EQ(saves.count(), 0);
+
+    // Archives of directories outside the log root, or under a log kind that
+    // climbs out: -3, nothing packed, nothing removed.
+    const std::pair<const char *, const char *> archives[] = {
+        {"Crash", "/"},
+        {"Crash", "/etc"},
+        {"Crash", "/data"},
+        {"Crash", "../../.."},
+        {"Crash", "/sdcard/logs/link"},
+        {"Crash", "/sdcard/logs/../../data"},
+        {"../../../../x", "/sdcard/logs/Alpha"},
+    };
+    for (const auto &[kind, dir] : archives)
+        d.exchange(ctrl_msg(VORN_MSG_ARCHIVE, kind, 0, dir));
+    ASSERT_EQ(wait_broadcasts(std::size(archives)), std::size(archives));
+    for (const std::string &b : d.broadcasts())
+        EXPECT_NE(b.find("--ei result -3 "), std::string::npos) << b;
+    EXPECT_TRUE(d.exists("/etc/vorn-conf.xml") && d.exists("/data/vorn-conf.xml"));
+    EXPECT_EQ(d.read("/sdcard/logs/Alpha/keep.1"), "k");
+    EXPECT_FALSE(d.exists("/sdcard/logs/upload"));
+    EXPECT_FALSE(d.exists("/x"));
+
+    // Shell code in the mask of an exec node never runs and is never saved.
+    std::string mark_file = d.at("/pwned");
+    const std::string masks[] = {"x;touch " + mark_file,      "$(touch " + mark_file + ")",
+                                 "`touch " + mark_file + "`", "x|touch " + mark_file,
+                                 "x&touch " + mark_file,      "x\ntouch " + mark_file};
+    size_t mark = d.log_mark();
+    for (const std::string &m : masks)
+        d.exchange(ctrl_msg(VORN_MSG_SET_NODE, "Pcap", 1, m.c_str()));
+    size_t next = mark;
+    for (size_t i = 0; i < std::size(masks); i++)
+        EXPECT_FALSE(d.wait_for_log(") of Pcap: only letters", 10000, next, &next).empty()) << i;
+    EXPECT_FALSE(d.exists("/pwned"));
+    EXPECT_EQ(d.working_xml().find("touch"), std::string::npos);
+
+    // 1,000 archive requests back to back: every thread starts, names itself
+    // and reports; the daemon stays up.
+    size_t before = d.broadcasts().size();
+    for (int i = 0; i < 1000; i++)
+        d.exchange(ctrl_msg(VORN_MSG_ARCHIVE, "Crash", 0, "/sdcard/logs/none"));
+    EXPECT_EQ(wait_broadcasts(before + 1000, 60000), before + 1000);
+    EXPECT_TRUE(d.alive());
+
+    // A flood of changes fills the pending list; past 1,024 waiting changes
+    // the reply says the change was dropped.
+    int acked = 0, dropped = 0;
+    for (int i = 0; i < 1100; i++) {
+        std::string m = "m" + std::to_string(i);
+        r = d.exchange(ctrl_msg(VORN_MSG_SET_NODE, "Alpha", 0, m.c_str()));
+        acked += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0x80;
+        dropped += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0xFF;
+    }
+    EXPECT_EQ(acked + dropped, 1100);
+    EXPECT_GE(acked, 1024);
+    EXPECT_GT(dropped, 0);
+    EXPECT_TRUE(d.alive());
+}
+
+// A daemon killed with SIGKILL takes its providers with it, and the next
+// start finds no second copy and no temporary files of interrupted saves.
+TEST_F(HostileTest, ProvidersDieWithTheDaemonAndStartUpCleansUp) {
+    std::string pidfile = d.at("/quiet.pid");
+    d.write("/data/vorn-conf.xml.tmp.4242", "<half");
+    start("  <Quiet logname=\"Quiet\" enable=\"1\" logtype=\"128\" log_provider=\"echo $$ > " +
+          pidfile + "; exec sleep 1000\" log_filepath=\"Quiet/quiet\"/>\n");
+    EXPECT_FALSE(d.exists("/data/vorn-conf.xml.tmp.4242"));
+    std::string pid;
+    for (int i = 0; i < 200 && (pid = d.read("/quiet.pid")).empty(); i++)
+        usleep(50000);
+    ASSERT_FALSE(pid.empty()) << "the provider never started";
+    pid.erase(pid.find_last_not_of("\n") + 1);
+
+    kill(d.pid(), SIGKILL);  // the daemon alone, not its process group
+    for (int i = 0; i < 100 && d.alive(); i++)
+        usleep(10000);
+    bool gone = false;
+    for (int i = 0; i < 200 && !gone; i++) {
+        std::string stat = read_file("/proc/" + pid + "/stat");
+        gone = stat.empty() || stat.find(") Z ") != std::string::npos;
+        if (!gone)
+            usleep(10000);
+    }
+    EXPECT_TRUE(gone) << "provider " << pid << " outlived the daemon";
+}
+
+}  // namespace
