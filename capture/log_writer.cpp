@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/gbl_config.h"
 #include "core/shell.h"
@@ -45,6 +47,11 @@ void time_suffix(char *out, size_t len) {
 // The log root as gbl_config holds it (not always terminated within the field).
 std::string log_root() {
     return std::string(gbl_config.log_path, strnlen(gbl_config.log_path, VORN_LOG_PATH_LEN));
+}
+
+// Marks the open file as failed: the next open continues it.
+void note_failure(vorn_log_file *file) {
+    file->write_failed = true;
 }
 
 int compare_names(const void *a, const void *b) {
@@ -140,6 +147,24 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     }
     *slash = '/';
 
+    // After a failed write the file it went to is continued, as long as it
+    // is still there and still the node's file under the current log root.
+    if (file->resume[0] != '\0' && strncmp(file->resume, path, strlen(path)) == 0 &&
+        file->resume[strlen(path)] == '.') {
+        unique_fd fd(open(vorn_path(file->resume).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        struct stat st;
+        if (fd.valid() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) {
+            if (FILE *fp = fdopen(fd.get(), "a")) {
+                fd.release();
+                file->fp = fp;
+                file->written = static_cast<uint64_t>(st.st_size);
+                snprintf(path, VORN_PATH_MAX, "%s", file->resume);
+                return 0;
+            }
+        }
+    }
+    file->resume[0] = '\0';
+
     char suffix[32];
     time_suffix(suffix, sizeof suffix);
     append_bounded(path, VORN_PATH_MAX, suffix);
@@ -148,6 +173,7 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
         VLOGE("Failed to create the log file: %s\n", path);
         return -1;
     }
+    snprintf(file->resume, sizeof file->resume, "%s", path);
     return 0;
 }
 
@@ -162,6 +188,7 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
         write_len = 0;
     if (write_len != len) {
         VLOGE("Failed to write to log file. write_len = %d, len = %d", write_len, len);
+        note_failure(file);
         return write_len;
     }
 
@@ -179,6 +206,7 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
     char next_path[VORN_PATH_MAX];
     if (open_log_file(node, &next, next_path) != 0) {
         VLOGE("Failed to create new log file.");
+        note_failure(file);
         return -1;
     }
     fclose(file->fp);
@@ -193,6 +221,7 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
     std::string moved = std::string(old_path) + suffix;
     rename(vorn_path(old_path).c_str(), vorn_path(moved).c_str());
     snprintf(path, VORN_PATH_MAX, "%s", next_path);
+    snprintf(file->resume, sizeof file->resume, "%s", next_path);
 
     char *slash = strrchr(old_path, '/');
     if (slash == nullptr) {
@@ -211,10 +240,17 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
 }
 
 void close_log_file(vorn_log_file *file) {
-    if (file->fp != nullptr)
-        fclose(file->fp);
+    bool failed = file->write_failed;
+    if (file->fp != nullptr) {
+        // Data still buffered that cannot be flushed is a failed write too.
+        failed = ferror(file->fp) != 0 || failed;
+        failed = fclose(file->fp) != 0 || failed;
+    }
     file->fp = nullptr;
     file->written = 0;
+    if (!failed)
+        file->resume[0] = '\0';
+    file->write_failed = false;
 }
 
 int rotate_log_files(const char *dir, const char *prefix, int keep) {
@@ -263,7 +299,22 @@ int rotate_log_files(const char *dir, const char *prefix, int keep) {
         // changing the working directory to it (that step cannot fail here).
         int ret = 0;
         int dfd = dirfd(d.get());
-        for (size_t i = 0; i < count - static_cast<size_t>(keep); i++) {
+        // Empty files go first (a full disk may have left some behind), then
+        // the oldest; the newest entry may be the file just opened, empty yet.
+        std::vector<size_t> order;
+        for (size_t i = 0; i + 1 < count; i++) {
+            struct stat st;
+            if (fstatat(dfd, names[i], &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+                st.st_size == 0)
+                order.push_back(i);
+        }
+        for (size_t i = 0; i < count; i++) {
+            if (std::find(order.begin(), order.end(), i) == order.end())
+                order.push_back(i);
+        }
+        order.resize(count - static_cast<size_t>(keep));
+        std::sort(order.begin(), order.end());  // removed in name order, as always
+        for (size_t i : order) {
             if (remove_at(dfd, names[i]) != 0)
                 VLOGE("Remove %s failed, ret = %d, %s", names[i], ret, strerror(errno));
             VLOGD("Remove %s from %s for log rotation", names[i], dir);

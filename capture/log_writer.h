@@ -16,10 +16,17 @@
 #define VORN_KEEP_FILES 10  // files of a node that survive pruning
 
 // The worker's log file handle: the open stream (null when no file is open)
-// and the bytes written to it since it was opened.
+// and the bytes written to it since it was opened. When a write, a flush or a
+// roll-over failed (a full disk, most often) the worker still closes the
+// file, but its path stays in resume and the next open appends to that file
+// instead of creating an empty one each poll: writing goes on there once
+// space returns.
 struct vorn_log_file {
     FILE *fp;
     uint64_t written;
+    bool write_failed;           // set by the failure, cleared by the close after it
+    char resume[VORN_PATH_MAX];  // the open file's device path; after a failed
+                                 // close, the file the next open continues
 };
 
 // Creates the node's directory and opens a new file "<log root>/<log_filepath>.<time>";
@@ -33,11 +40,14 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path);
 int write_log_data(const char *data, int len, vorn_log_file *file, char *path, vorn_node *node);
 
 // Closes the stream if one is open (the file keeps its name) and clears the
-// written count for the next file.
+// written count for the next file. Unless the close follows a failed write,
+// the next open makes a new file.
 void close_log_file(vorn_log_file *file);
 
-// Removes the oldest entries of dir whose names begin with prefix so that at
-// most keep remain; returns the number found before removal, or -1.
+// Removes entries of dir whose names begin with prefix so that at most keep
+// remain: empty files first (never the newest entry, which may be the file
+// just opened), then the oldest; so files with data are never given up for
+// empty ones. Returns the number found before removal, or -1.
 int rotate_log_files(const char *dir, const char *prefix, int keep);
 
 // rotate_log_files on the directory and prefix of a node's log_filepath.

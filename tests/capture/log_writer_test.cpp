@@ -1,6 +1,10 @@
 // The log file writer: naming, roll-over, pruning and its failure paths.
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <ctime>
 #include <filesystem>
@@ -164,6 +168,68 @@ TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextRollOver) {
     ASSERT_EQ(write("after"), 5);
     ASSERT_EQ(list_dir(dir).size(), 1u);
     EXPECT_EQ(file_at(dir, 0), "after");
+}
+
+// A full disk loses nothing already written: the failed file is continued at
+// the next open (no new empty file per poll) and takes the data once space
+// returns; pruning gives up empty files before any file with data.
+TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
+    dir = fresh_log_root("full", "Full/");
+    fs::create_directories(dir);
+    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=16k") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    node = make_node("Default", VORN_KIND_PIPE, "true", "Full/full", 0);
+    ASSERT_EQ(open_log_file(node, &file, path), 0);
+    const std::string first_path = path;
+    const std::string chunk(1000, 'a');
+    int failed_at = -1;
+    for (int i = 0; i < 100 && failed_at < 0; i++) {
+        if (write(chunk) != 1000)
+            failed_at = i;
+    }
+    ASSERT_GE(failed_at, 0) << "the disk never filled";
+    for (int poll = 0; poll < 5; poll++) {  // a worker's polls while the disk stays full
+        close_log_file(&file);
+        next_second();
+        ASSERT_EQ(open_log_file(node, &file, path), 0);
+        EXPECT_EQ(path, first_path);
+        write(chunk);  // fails now, or at its flush
+    }
+    EXPECT_EQ(list_dir(dir).size(), 1u);
+    size_t kept = file_at(dir, 0).size();
+    EXPECT_GE(kept, 8000u);
+    close_log_file(&file);
+    ASSERT_EQ(mount("tmpfs", dir.c_str(), nullptr, MS_REMOUNT, "size=256k"), 0);
+    ASSERT_EQ(open_log_file(node, &file, path), 0);
+    EXPECT_EQ(path, first_path);
+    EXPECT_EQ(write("after"), 5);
+    EXPECT_EQ(list_dir(dir).size(), 1u);
+    std::string content = file_at(dir, 0);
+    EXPECT_EQ(content.substr(0, kept), std::string(kept, 'a'));
+    EXPECT_EQ(content.substr(content.size() - 5), "after");
+    // A close that follows no failure starts a new file next time.
+    close_log_file(&file);
+    next_second();
+    ASSERT_EQ(open_log_file(node, &file, path), 0);
+    EXPECT_NE(path, first_path);
+    close_log_file(&file);
+
+    // Nine files with data, then five empty ones: pruning to ten removes four
+    // empty ones (never the newest, which may be the file being written).
+    for (const std::string &n : list_dir(dir))
+        fs::remove(dir + n);
+    for (int i = 0; i < 9; i++)
+        write_file(dir + "full.2001_01_01-00_00_0" + std::to_string(i), "data");
+    for (int i = 0; i < 5; i++)
+        write_file(dir + "full.2002_01_01-00_00_0" + std::to_string(i), "");
+    EXPECT_EQ(rotate_log_files((std::string(gbl_config.log_path) + "/Full").c_str(), "full", 10),
+              14);
+    auto names = list_dir(dir);
+    umount2(dir.c_str(), MNT_DETACH);
+    ASSERT_EQ(names.size(), 10u);
+    EXPECT_EQ(names.front(), "full.2001_01_01-00_00_00");
+    EXPECT_EQ(names.back(), "full.2002_01_01-00_00_04");
+    EXPECT_EQ(names[8], "full.2001_01_01-00_00_08");
 }
 
 }  // namespace

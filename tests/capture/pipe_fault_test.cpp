@@ -1,5 +1,5 @@
 // The pipe worker against misbehaving providers and a full disk: no crash,
-// failures drop back to the idle poll, no zombies.
+// failures drop back to the idle poll, no zombies, nothing written lost.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -65,7 +65,7 @@ TEST(PipeFault, ProviderThatLeavesADaemonBehind) {
     EXPECT_TRUE(wait_for([&] { return process_gone(daemon); }, 3000));
 }
 
-TEST(PipeFault, FullFileSystemDropsToTheIdlePollAndRetries) {
+TEST(PipeFault, FullFileSystemKeepsTheFileAndResumesWhenSpaceReturns) {
     LogCapture log;
     std::string dir = fresh_log_root("full", "F");
     std::string mnt = std::filesystem::path(dir).parent_path().string();
@@ -73,22 +73,32 @@ TEST(PipeFault, FullFileSystemDropsToTheIdlePollAndRetries) {
     if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=32k") != 0)
         GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
     vorn_node *node = start_pipe_node("exec yes full-disk-line", "F/full", 0);
-    // Each failed write stops the command and closes the file; the next poll
-    // starts over in a new file, which fails again.
+    disable_at_end off{node};
+    // Each failed write stops the command and drops to the idle poll; the
+    // next start continues the same file instead of making an empty one.
     bool retried =
-        wait_for([&] { return log.count_containing("Failed to write to log file.") >= 2; }, 12000);
-    bool settled = disable_and_settle(node);
-    std::string first = file_at(dir, 0);
+        wait_for([&] { return log.count_containing("Failed to write to log file.") >= 3; }, 15000);
     size_t files = list_dir(dir).size();
+    std::string first = file_at(dir, 0);
+    // Space returns: writing goes on in the same file.
+    mount("tmpfs", mnt.c_str(), nullptr, MS_REMOUNT, "size=1m");
+    bool resumed = wait_for([&] { return file_at(dir, 0).size() > first.size() + 4096; }, 10000);
+    bool settled = disable_and_settle(node);
+    std::string after = file_at(dir, 0);
+    size_t files_after = list_dir(dir).size();
     umount2(mnt.c_str(), MNT_DETACH);
     ASSERT_TRUE(retried && settled) << log.dump();
-    EXPECT_GE(log.count_containing("pstat = 0x00000001"), 2u);
+    EXPECT_TRUE(resumed);
+    EXPECT_EQ(files, 1u);
+    EXPECT_EQ(files_after, 1u);
+    EXPECT_GE(log.count_containing("pstat = 0x00000001"), 3u);
     EXPECT_FALSE(has_zombie_child());
-    EXPECT_GE(files, 2u);
-    // What reached the disk is the provider's output, in order.
+    // Nothing written before the disk filled was lost, and it is the
+    // provider's output, in order.
     ASSERT_GT(first.size(), 1000u);
+    EXPECT_EQ(after.compare(0, first.size(), first), 0);
     const std::string line = "full-disk-line\n";
-    for (size_t at = 0; at + line.size() <= first.size(); at += line.size())
+    for (size_t at = 0; at + line.size() <= 1000; at += line.size())
         ASSERT_EQ(first.compare(at, line.size(), line), 0) << "at " << at;
 }
 
