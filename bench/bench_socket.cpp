@@ -211,6 +211,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "bench_socket: %s did not answer on %s\n", vornd.c_str(),
                 daemon_sock.c_str());
         kill(-pid, SIGKILL);
+        kill(peer_pid, SIGKILL);
         return 1;
     }
 
