@@ -271,6 +271,11 @@ int main(int argc, char **argv) {
         t_zip.push_back(seconds_since(t0));
         c_zip.push_back(cpu_seconds() - c0);
         size_zip = fs::file_size(zip_out);
+        printf(
+            "run=%d mini_zip_s=%.3f zip_s=%.3f mini_zip_cpu_s=%.3f zip_cpu_s=%.3f "
+            "mini_zip_bytes=%ju zip_bytes=%ju\n",
+            r + 1, t_ours.back(), t_zip.back(), c_ours.back(), c_zip.back(), size_ours, size_zip);
+        fflush(stdout);
     }
     double mo = median(t_ours), mz = median(t_zip), co = median(c_ours), cz = median(c_zip);
     printf("input      %.1f MB in %d files, median of %d runs\n", input_bytes / 1e6,

@@ -92,6 +92,17 @@ int main(int argc, char **argv) {
         auto t1 = std::chrono::steady_clock::now();
         extract_ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
     }
+    auto list = [](const std::vector<double> &v) {
+        std::string out;
+        for (double x : v) {
+            if (!out.empty())
+                out += ',';
+            out += std::to_string(x);
+        }
+        return out;
+    };
+    printf("parse_ms_runs=%s\n", list(ms).c_str());
+    printf("extract_ms_runs=%s\n", list(extract_ms).c_str());
     std::sort(ms.begin(), ms.end());
     std::sort(extract_ms.begin(), extract_ms.end());
     printf("status=%d\n", status);

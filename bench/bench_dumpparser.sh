@@ -2,10 +2,13 @@
 # The dump parser against dd on a dump set of 4 GiB of sparse images with a
 # 1 MiB kernel log: bytes read and time of a whole parse against dd reading
 # just the log buffer at its offset. Goal: bytes read <= log length + 64 KiB.
-#   bench/bench_dumpparser.sh [BUILD_DIR] [RUNS]
+# Prints one BENCH_ROW line per row (time and bytes read).
+#   bench/bench_dumpparser.sh [BUILD_DIR] [RUNS]   (RUNS default VORN_BENCH_RUNS, else 5)
 set -euo pipefail
+cd "$(dirname "$0")/.."
+. bench/lib.sh
 build=${1:-build}
-runs=${2:-5}
+runs=${2:-$(bench_runs)}
 work=$(mktemp -d "${TMPDIR:-/tmp}/vorn-bench-dump-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
@@ -15,7 +18,7 @@ printf '#!/bin/sh\nexit 0\n' >"$work/bin/am"
 chmod +x "$work/bin/am"
 out=$(PATH="$work/bin:$PATH" "$build/bench_dumpparser" "$work/dump" "$runs")
 echo "$out"
-get() { sed -n "s/^$1=//p" <<<"$out"; }
+get() { bench_get "$1" <<<"$out"; }
 log_len=$(get log_len)
 log_offset=$(get log_offset)
 image=$(get log_image)
@@ -38,6 +41,14 @@ done
 dd_us=$(printf '%s\n' "${times[@]}" | sort -n | sed -n "$(((runs + 1) / 2))p")
 dd_ms=$(awk -v u="$dd_us" 'BEGIN { printf "%.3f", u / 1000 }')
 
+cmd="bench/bench_dumpparser.sh $build"
+dd_runs=$(printf '%s\n' "${times[@]}" | awk '{ printf "%s%.3f", (NR > 1 ? "," : ""), $1 / 1000 }')
+bench_row "dump parser, 4 GiB of images: time" "ms" lower "-" "dd of just the log buffer" \
+  "$(get parse_ms_runs)" "$dd_runs" "$cmd" "a whole parse, broadcast included; dd reads only the 1 MiB log"
+same() { for _ in $(seq "$runs"); do echo "$1"; done | paste -sd,; }
+bench_row "dump parser, 4 GiB of images: bytes read" "bytes" lower "ratio<=1.0625" \
+  "dd of just the log buffer" "$(same "$dump_bytes")" "$(same "$log_len")" "$cmd" \
+  "goal: the log length + 64 KiB at most"
 limit=$((log_len + 65536))
 echo "dd_ms_median=$dd_ms"
 awk -v b="$dump_bytes" -v t="$read_bytes" -v l="$log_len" -v p="$parse_ms" -v e="$extract_ms" \

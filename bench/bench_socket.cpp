@@ -1,12 +1,16 @@
 // Type-1 queries against the real vornd, side by side with a minimal
 // Unix-socket server that answers every connection with 256 bytes and closes
-// (the same one-connection-at-a-time shape, no work behind it). Prints
-// queries per second, p50 and p99 latency of each and their ratios.
+// (no work behind it). Prints, per run, queries per second and p99 latency of
+// each, and what the daemon's debug log lines of one query cost against the
+// query itself.
 //
-//   bench_socket [VORND [QUERIES]]   (default: ./vornd next to this binary, 5000)
+//   bench_socket [VORND [QUERIES [RUNS]]]   (default: ./vornd next to this binary, 4000, 5)
 //
-// A query is connect, send 256 bytes, read the reply and the close. The
-// daemon's log goes to /dev/null.
+// A query is connect, send 256 bytes, read the reply and the close. Daemon
+// and peer take turns within a run so that both see the same machine load.
+// The daemon's log goes to /dev/null. The log cost is measured in this
+// process: the request handler of a type-1 query with the daemon's stderr
+// logger writing to /dev/null, against the same handler with a silent logger.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -23,10 +27,12 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/ctrl_msg.h"
+#include "core/node.h"
+#include "daemon/control_request.h"
+#include "platform/log.h"
 
 namespace {
 
@@ -95,6 +101,48 @@ stats summarize(std::vector<double> lat, double total_us) {
     return {lat.size() / (total_us / 1e6), pct(0.50), pct(0.99)};
 }
 
+void quiet(const struct __android_logger_data *, const char *) {}
+
+// Microseconds a type-1 query spends in the request handler and the reply's
+// log line, with the given logger installed; the mean of n.
+double handler_us(const vorn_ctrl_msg &query_msg, __android_logger_function logger, int n) {
+    __android_log_set_logger(logger);
+    double t0 = now_us();
+    for (int i = 0; i < n; i++) {
+        vorn_ctrl_msg m = query_msg;
+        vornd_handle_request(&m, sizeof m);
+        VLOGD("Send %d bytes out", static_cast<int>(sizeof m));  // as the server logs the send
+    }
+    double us = (now_us() - t0) / n;
+    __android_log_set_logger(quiet);
+    return us;
+}
+
+// The debug log lines of one type-1 query, in microseconds: the handler with
+// the daemon's stderr logger (to /dev/null) less the handler with none.
+double log_cost_us(const vorn_ctrl_msg &query_msg) {
+    static vorn_node table[3];
+    if (vorn_nodes == nullptr) {
+        snprintf(table[1].logname, sizeof table[1].logname, "Alpha");
+        snprintf(table[1].mask, sizeof table[1].mask, "m");
+        table[1].logid = 1;
+        vorn_nodes = table;
+        vorn_node_count = 2;
+    }
+    fflush(stderr);
+    int saved = dup(STDERR_FILENO);
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDERR_FILENO);
+    close(null);
+    const int n = 20000;
+    handler_us(query_msg, vorn_log_stderr_logger, n / 10);  // warm-up
+    double logged = handler_us(query_msg, vorn_log_stderr_logger, n);
+    double silent = handler_us(query_msg, quiet, n);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return logged - silent;
+}
+
 pid_t start_daemon(const std::string &vornd, const std::string &root) {
     pid_t pid = fork();
     if (pid == 0) {
@@ -114,11 +162,14 @@ pid_t start_daemon(const std::string &vornd, const std::string &root) {
 int main(int argc, char **argv) {
     std::string self = argv[0];
     std::string vornd = argc > 1 ? argv[1] : self.substr(0, self.rfind('/') + 1) + "vornd";
-    int queries = argc > 2 ? atoi(argv[2]) : 5000;
-    if (queries < 100) {
-        fprintf(stderr, "usage: bench_socket [VORND [QUERIES >= 100]]\n");
+    int queries = argc > 2 ? atoi(argv[2]) : 4000;
+    int runs = argc > 3 ? atoi(argv[3]) : 5;
+    if (queries < 100 || runs < 1) {
+        fprintf(stderr, "usage: bench_socket [VORND [QUERIES >= 100 [RUNS]]]\n");
         return 2;
     }
+    vorn_log_init();  // every priority, as in the daemon
+    __android_log_set_logger(quiet);
 
     char tmpl[] = "/tmp/vorn-bench-XXXXXX";
     std::string dir = mkdtemp(tmpl);
@@ -138,7 +189,14 @@ int main(int argc, char **argv) {
     std::string daemon_sock = root + "/dev/socket/vornd";
     std::string peer_sock = dir + "/peer.sock";
     int peer_fd = listen_on(peer_sock);
-    std::thread(minimal_server, peer_fd).detach();
+    // A process of its own, as the daemon is: a thread of this one would
+    // switch to and from the client more cheaply than any server can.
+    pid_t peer_pid = fork();
+    if (peer_pid == 0) {
+        minimal_server(peer_fd);
+        _exit(0);
+    }
+    close(peer_fd);
 
     vorn_ctrl_msg msg;
     vorn_msg_init(&msg, VORN_MSG_QUERY_NODE);
@@ -153,45 +211,54 @@ int main(int argc, char **argv) {
         fprintf(stderr, "bench_socket: %s did not answer on %s\n", vornd.c_str(),
                 daemon_sock.c_str());
         kill(-pid, SIGKILL);
+        kill(peer_pid, SIGKILL);
         return 1;
     }
 
-    // Alternate rounds so that both see the same machine load.
     const std::string *targets[] = {&daemon_sock, &peer_sock};
-    std::vector<double> lat[2];
-    double total[2] = {0, 0};
-    int failed = 0;
     for (int warm = 0; warm < 200; warm++) {
         query(daemon_sock, msg);
         query(peer_sock, msg);
     }
-    const int rounds = 10;
-    for (int r = 0; r < rounds; r++) {
-        for (int t = 0; t < 2; t++) {
-            double t0 = now_us();
-            for (int i = 0; i < queries / rounds; i++) {
-                double us = query(*targets[t], msg);
-                if (us < 0)
-                    failed++;
-                else
-                    lat[t].push_back(us);
+    int failed = 0;
+    printf("%-5s %12s %12s %12s %12s %12s %12s %12s\n", "run", "vornd q/s", "peer q/s", "vornd p99",
+           "peer p99", "vornd p50", "peer p50", "log us/q");
+    for (int run = 1; run <= runs && failed == 0; run++) {
+        std::vector<double> lat[2];
+        double total[2] = {0, 0};
+        // Ten turns each, so that both see the same moments of machine load.
+        for (int turn = 0; turn < 10; turn++) {
+            for (int t = 0; t < 2; t++) {
+                double t0 = now_us();
+                for (int i = 0; i < queries / 10; i++) {
+                    double us = query(*targets[t], msg);
+                    if (us < 0)
+                        failed++;
+                    else
+                        lat[t].push_back(us);
+                }
+                total[t] += now_us() - t0;
             }
-            total[t] += now_us() - t0;
         }
+        if (failed > 0 || lat[0].empty() || lat[1].empty())
+            break;
+        stats d = summarize(lat[0], total[0]), p = summarize(lat[1], total[1]);
+        double log_us = log_cost_us(msg);
+        printf("%-5d %12.0f %12.0f %12.1f %12.1f %12.1f %12.1f %12.2f\n", run, d.qps, p.qps, d.p99,
+               p.p99, d.p50, p.p50, log_us);
+        printf(
+            "run=%d vornd_qps=%.0f peer_qps=%.0f vornd_p99_us=%.1f peer_p99_us=%.1f "
+            "vornd_p50_us=%.1f peer_p50_us=%.1f log_us=%.2f\n",
+            run, d.qps, p.qps, d.p99, p.p99, d.p50, p.p50, log_us);
     }
     kill(-pid, SIGKILL);
     waitpid(pid, nullptr, 0);
+    kill(peer_pid, SIGKILL);
+    waitpid(peer_pid, nullptr, 0);
     std::filesystem::remove_all(dir);
-    if (failed > 0 || lat[0].empty() || lat[1].empty()) {
+    if (failed > 0) {
         fprintf(stderr, "bench_socket: %d queries failed\n", failed);
         return 1;
     }
-
-    stats d = summarize(lat[0], total[0]), p = summarize(lat[1], total[1]);
-    printf("%-28s %10s %10s %10s\n", "type-1 query", "q/s", "p50 us", "p99 us");
-    printf("%-28s %10.0f %10.1f %10.1f\n", "vornd", d.qps, d.p50, d.p99);
-    printf("%-28s %10.0f %10.1f %10.1f\n", "minimal 256-byte server", p.qps, p.p50, p.p99);
-    printf("ratio vornd/minimal: throughput %.2f, p99 latency %.2f\n", d.qps / p.qps,
-           d.p99 / p.p99);
     return 0;
 }

@@ -1,7 +1,21 @@
 #!/usr/bin/env bash
 # Type-1 queries per second and p99 latency of vornd against a minimal
-# Unix-socket server answering 256 bytes, in the same run; prints the ratio.
-#   bench/bench_socket.sh [BUILD_DIR]   (VORN_BENCH_QUERIES: queries per side, default 5000)
+# Unix-socket server answering 256 bytes, in the same run, and what a query's
+# debug log lines cost against the query. Prints one BENCH_ROW line per row.
+#   bench/bench_socket.sh [BUILD_DIR]   (VORN_BENCH_RUNS runs, default 5;
+#                                        VORN_BENCH_QUERIES per side and run, default 4000)
 set -euo pipefail
+cd "$(dirname "$0")/.."
+. bench/lib.sh
 build=${1:-build}
-"$build/bench_socket" "$build/vornd" "${VORN_BENCH_QUERIES:-5000}"
+out=$("$build/bench_socket" "$build/vornd" "${VORN_BENCH_QUERIES:-4000}" "$(bench_runs)")
+grep -v '^run=' <<<"$out"
+# The figure of one key in every run, comma-separated.
+col() { grep '^run=' <<<"$out" | tr ' ' '\n' | sed -n "s/^$1=//p" | paste -sd,; }
+cmd="bench/bench_socket.sh $build"
+bench_row "socket, type-1 queries" "queries/s" higher "ratio>=0.8" "minimal Unix-socket server" \
+  "$(col vornd_qps)" "$(col peer_qps)" "$cmd"
+bench_row "socket, type-1 query p99" "us" lower "ratio<=1.5" "minimal Unix-socket server" \
+  "$(col vornd_p99_us)" "$(col peer_p99_us)" "$cmd"
+bench_row "socket, debug log lines of one query" "us" lower "ratio<=1" "the query itself (vornd p50)" \
+  "$(col log_us)" "$(col vornd_p50_us)" "$cmd" "ten lines: the receipt, the eight-field dump, the send"

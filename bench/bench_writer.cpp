@@ -1,19 +1,24 @@
-// The log file writer and the pipe capture worker, measured on the file
-// system of VORN_BENCH_DIR (default: the current directory). bench_writer.sh
-// runs dd and cat against the same directory and prints the ratios.
+// The log file writer and the pipe capture worker, one measured run per call,
+// on the file system of --dir. bench_writer.sh runs dd and cat against the
+// same directory, alternating with these runs, and prints the ratios.
 //
-//   BM_write_log_data/<chunk>/<budget>: write_log_data of 64 MiB in chunks,
-//     rolling over at a tenth of the budget and pruning to ten files.
-//   BM_pipe_capture/<bytes>: the pipe worker copying a provider that prints
-//     as fast as it can (50-byte reads, a flush per write), from its first
-//     byte on disk to its last.
+//   bench_writer write --dir DIR [--chunk 4096] [--budget 0] [--mib 64]
+//     write_log_data of MIB MiB in chunks, each write flushed at once as the
+//     capture workers do; a budget other than 0 rolls over at a tenth of it
+//     and prunes to ten files. Prints "mb_per_s=", "files=" and, with a
+//     budget, "rollover_us=" (the mean time a roll-over added to its write).
+//   bench_writer pipe --dir DIR [--mib 64]
+//     the pipe worker copying a provider that prints as fast as it can, from
+//     its first byte on disk to its last. Prints "mb_per_s=".
+//   bench_writer cat --dir DIR [--mib 64]
+//     the peer: `head -c | cat > FILE`, timed the same way.
 #include <android/log.h>
-#include <benchmark/benchmark.h>
 #include <pthread.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -32,16 +37,16 @@ namespace {
 namespace fs = std::filesystem;
 using clock_type = std::chrono::steady_clock;
 
-constexpr int64_t kWriteBytes = 64 << 20;
-
-std::string g_root;  // the device root, inside VORN_BENCH_DIR
-
 void silent_logger(const struct __android_logger_data *, const char *) {}
 
-void set_log_root(const std::string &dir, int32_t global_size) {
+double seconds_since(clock_type::time_point t0) {
+    return std::chrono::duration<double>(clock_type::now() - t0).count();
+}
+
+void set_log_root(const std::string &dir) {
     pthread_mutex_lock(&gbl_config_mutex);
     snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", dir.c_str());
-    gbl_config.size = global_size;
+    gbl_config.size = 0;
     pthread_mutex_unlock(&gbl_config_mutex);
 }
 
@@ -68,101 +73,138 @@ uint64_t dir_bytes(const std::string &dir) {
     return total;
 }
 
-void BM_write_log_data(benchmark::State &state) {
-    const int chunk = static_cast<int>(state.range(0));
-    const int32_t budget = static_cast<int32_t>(state.range(1));
+int run_write(int chunk, int32_t budget, int64_t total) {
     std::vector<char> data(static_cast<size_t>(chunk), 'w');
-    static int run = 0;
-    std::string log_root = "/writer-" + std::to_string(++run) + "/";
-    set_log_root(log_root, 0);
+    set_log_root("/writer/");
     vorn_node *node = new_node("true", "W/w", budget);
     vorn_log_file file{};
     char path[VORN_PATH_MAX];
     if (open_log_file(node, &file, path) != 0) {
-        state.SkipWithError("cannot open the log file");
-        return;
+        fprintf(stderr, "bench_writer: cannot open the log file\n");
+        return 1;
     }
     int64_t files = 0;
-    for (auto _ : state) {
-        for (int64_t done = 0; done < kWriteBytes; done += chunk) {
-            uint64_t before = file.written;
-            if (write_log_data(data.data(), chunk, &file, path, node) != chunk) {
-                state.SkipWithError("write_log_data failed");
-                break;
-            }
-            files += file.written < before + static_cast<uint64_t>(chunk);  // rolled over
+    double rollover_s = 0, plain_s = 0;
+    int64_t plain = 0;
+    auto t0 = clock_type::now();
+    for (int64_t done = 0; done < total; done += chunk) {
+        uint64_t before = file.written;
+        auto w0 = clock_type::now();
+        if (write_log_data(data.data(), chunk, &file, path, node) != chunk) {
+            fprintf(stderr, "bench_writer: write_log_data failed\n");
+            return 1;
+        }
+        fflush(file.fp);
+        double took = seconds_since(w0);
+        if (file.written < before + static_cast<uint64_t>(chunk)) {
+            files++;
+            rollover_s += took;
+        } else {
+            plain++;
+            plain_s += took;
         }
     }
+    double s = seconds_since(t0);
     close_log_file(&file);
-    state.SetBytesProcessed(state.iterations() * kWriteBytes);
-    state.counters["files/s"] =
-        benchmark::Counter(static_cast<double>(files), benchmark::Counter::kIsRate);
-    fs::remove_all(vorn_path(log_root));
-}
-BENCHMARK(BM_write_log_data)
-    ->Args({4096, 10 << 20})
-    ->Args({4096, 1 << 20})
-    ->Args({50, 10 << 20})
-    ->UseRealTime()  // roll-overs spend their time in the shell that makes the directory
-    ->Unit(benchmark::kMillisecond);
-
-void BM_pipe_capture(benchmark::State &state) {
-    const int64_t bytes = state.range(0);
-    int64_t copied = 0;
-    for (auto _ : state) {
-        static int run = 0;
-        std::string log_root = "/pipe-" + std::to_string(++run) + "/";
-        set_log_root(log_root, 0);
-        std::string provider = "head -c " + std::to_string(bytes) + " /dev/zero";
-        vorn_node *node = new_node(provider.c_str(), "P/p", 0);
-        node->enable = 1;
-        vorn_node_create_work_thread(node);
-        std::string dir = vorn_path(log_root + "P");
-        // The worker's first poll comes 3 s after its start: time only the copy.
-        uint64_t first = 0;
-        while ((first = dir_bytes(dir)) == 0)
-            usleep(200);
-        auto t0 = clock_type::now();
-        while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
-            usleep(200);
-        auto t1 = clock_type::now();
-        {
-            vorn_node_guard g(node);  // no restart once the provider has ended
-            node->enable = 0;
-            node->pending_change = 1;
-        }
-        state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
-        copied += bytes - static_cast<int64_t>(first);
+    printf("mb_per_s=%.1f\n", static_cast<double>(total) / s / 1e6);
+    printf("files=%lld\n", static_cast<long long>(files));
+    if (files > 0 && plain > 0) {
+        double extra =
+            rollover_s / static_cast<double>(files) - plain_s / static_cast<double>(plain);
+        printf("rollover_us=%.1f\n", extra * 1e6);
     }
-    state.SetBytesProcessed(copied);
+    return 0;
 }
-BENCHMARK(BM_pipe_capture)
-    ->Arg(32 << 20)
-    ->UseManualTime()
-    ->Iterations(1)
-    ->Unit(benchmark::kMillisecond);
+
+int run_pipe(int64_t bytes) {
+    set_log_root("/pipe/");
+    std::string provider = "head -c " + std::to_string(bytes) + " /dev/zero";
+    vorn_node *node = new_node(provider.c_str(), "P/p", 0);
+    node->enable = 1;
+    vorn_node_create_work_thread(node);
+    std::string dir = vorn_path("/pipe/P");
+    // The worker's first poll comes 3 s after its start: time only the copy.
+    uint64_t first = 0;
+    while ((first = dir_bytes(dir)) == 0)
+        usleep(200);
+    auto t0 = clock_type::now();
+    while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
+        usleep(200);
+    double s = seconds_since(t0);
+    printf("mb_per_s=%.1f\n", static_cast<double>(bytes - static_cast<int64_t>(first)) / s / 1e6);
+    // The worker thread and its provider end with the process.
+    return 0;
+}
+
+// The peer, timed the same way: `cat` copying the same provider's output
+// into a file of the same directory, from its first byte on disk to its last.
+int run_cat(int64_t bytes) {
+    std::string dir = vorn_path("/cat");
+    fs::create_directories(dir);
+    std::string cmd = "head -c " + std::to_string(bytes) + " /dev/zero | cat > " + dir + "/c";
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    uint64_t first = 0;
+    while ((first = dir_bytes(dir)) == 0)
+        usleep(200);
+    auto t0 = clock_type::now();
+    while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
+        usleep(200);
+    double s = seconds_since(t0);
+    waitpid(pid, nullptr, 0);
+    printf("mb_per_s=%.1f\n", static_cast<double>(bytes - static_cast<int64_t>(first)) / s / 1e6);
+    return 0;
+}
 
 }  // namespace
 
 int main(int argc, char **argv) {
+    if (argc < 2) {
+        fprintf(stderr,
+                "usage: bench_writer write|pipe|cat --dir DIR [--chunk N] [--budget N] "
+                "[--mib N]\n");
+        return 2;
+    }
+    std::string mode = argv[1];
+    std::string base = ".";
+    int chunk = 4096;
+    long budget = 0;
+    int64_t mib = 64;
+    for (int i = 2; i + 1 < argc; i += 2) {
+        std::string opt = argv[i];
+        if (opt == "--dir")
+            base = argv[i + 1];
+        else if (opt == "--chunk")
+            chunk = atoi(argv[i + 1]);
+        else if (opt == "--budget")
+            budget = atol(argv[i + 1]);
+        else if (opt == "--mib")
+            mib = atoll(argv[i + 1]);
+    }
     __android_log_set_logger(silent_logger);
-    const char *dir = getenv("VORN_BENCH_DIR");
-    char tmpl[] = "vorn-bench-XXXXXX";
-    std::string base = dir && *dir ? dir : ".";
-    std::string root = base + "/" + tmpl;
+    std::string root = base + "/vorn-bench-XXXXXX";
     if (mkdtemp(root.data()) == nullptr) {
         perror("mkdtemp");
         return 1;
     }
-    g_root = fs::absolute(root).string();
-    vorn_set_root(g_root.c_str());
-    fs::create_directories(g_root + "/system/bin");
-    fs::create_symlink("/bin/sh", g_root + "/system/bin/sh");
+    root = fs::absolute(root).string();
+    vorn_set_root(root.c_str());
+    fs::create_directories(root + "/system/bin");
+    fs::create_symlink("/bin/sh", root + "/system/bin/sh");
 
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    int rc = 2;
+    if (mode == "write" && chunk > 0)
+        rc = run_write(chunk, static_cast<int32_t>(budget), mib << 20);
+    else if (mode == "pipe")
+        rc = run_pipe(mib << 20);
+    else if (mode == "cat")
+        rc = run_cat(mib << 20);
     std::error_code ec;
-    fs::remove_all(g_root, ec);
-    return 0;
+    fs::remove_all(root, ec);
+    fflush(stdout);
+    // Skip destructors: a pipe worker may still hold its node.
+    _exit(rc);
 }

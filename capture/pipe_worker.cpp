@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "capture/log_writer.h"
@@ -24,7 +25,10 @@ extern char **environ;
 namespace {
 
 constexpr int kWaitMillis = 5000;  // a silent provider is looked at every 5 s
-constexpr size_t kReadSize = 50;   // small reads: little is lost on a reset
+// A read takes whatever the pipe holds, up to a full pipe's worth, and is
+// written and flushed at once: it never waits for more, so a reset loses no
+// more than with small reads.
+constexpr size_t kReadSize = 64 * 1024;
 constexpr int kEmptyReadsPerMessage = 10;
 constexpr const char *kShell = "/system/bin/sh";
 
@@ -145,7 +149,7 @@ class pipe_worker {
             if (ready < 0) {
                 VLOGE("error occured in select\n");
             } else if (ready > 0) {
-                ssize_t n = read(child_->fd, buf_, kReadSize);
+                ssize_t n = read(child_->fd, buf_.get(), kReadSize);
                 if (n == 0) {
                     // The countdown is never reset by data: the message comes
                     // with the first end of output and then every tenth.
@@ -175,7 +179,7 @@ class pipe_worker {
     bool copy(int n) {
         // Blocks until the log root takes a file again; the output waits in the pipe.
         serve_new_file_request(node_, &file_, path_);
-        if (write_log_data(buf_, n, &file_, path_, node_) != n) {
+        if (write_log_data(buf_.get(), n, &file_, path_, node_) != n) {
             stop();
             close_log_file(&file_);
             return false;
@@ -195,7 +199,7 @@ class pipe_worker {
     int empty_countdown_ = 1;
     vorn_log_file file_{};
     char path_[VORN_PATH_MAX] = "";
-    char buf_[kReadSize];
+    std::unique_ptr<char[]> buf_{new char[kReadSize]};
 };
 
 }  // namespace

@@ -21,6 +21,11 @@ int vorn_mkdir_p(const char *host_dir) {
         errno = ENOENT;
         return -1;
     }
+    struct stat st;
+    // The usual case, a directory that exists, costs one call instead of one
+    // per component.
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        return 0;
     // Each missing component in turn, as mkdir -p makes them.
     for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
         std::string part = path.substr(0, at);
@@ -30,7 +35,6 @@ int vorn_mkdir_p(const char *host_dir) {
         if (at == std::string::npos)
             break;
     }
-    struct stat st;
     if (stat(path.c_str(), &st) != 0)
         return -1;
     if (!S_ISDIR(st.st_mode)) {

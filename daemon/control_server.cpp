@@ -147,7 +147,13 @@ void vornd_serve(int listen_fd) {
         std::erase_if(clients, [](const client &c) { return !c.fd.valid(); });
         // Anything on the listening socket (an error too) is for accept to report.
         if (ready > 0 && fds[0].revents != 0) {
-            while (clients.size() < kMaxClients && accept_client(listen_fd, &clients)) {
+            for (size_t held = clients.size();
+                 clients.size() < kMaxClients && accept_client(listen_fd, &clients);
+                 held = clients.size()) {
+                // A client sends its request right after its connect, so it is
+                // usually here already: serve it without another round of poll.
+                if (clients.size() > held && serve_client(clients.back()))
+                    clients.pop_back();
             }
         }
     }

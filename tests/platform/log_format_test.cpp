@@ -1,0 +1,109 @@
+// The host logger's threadtime lines: layout, cutting, several lines in one
+// message, and the ids after a fork.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/log.h"
+
+namespace {
+
+// The line as the plain snprintf layout gives it for the stamp of line.
+std::string expected(const std::string &line, int pid, int tid, char prio, const char *tag,
+                     const char *msg) {
+    char buf[512];
+    snprintf(buf, sizeof buf, "%.18s %5d %5d %c %-8s: %s\n", line.c_str(), pid, tid, prio, tag,
+             msg);
+    return buf;
+}
+
+std::string format(int prio, const char *tag, const char *msg, int len = 512) {
+    char out[512];
+    int n = vorn_log_format_line(out, len, prio, tag, msg);
+    return std::string(out, static_cast<size_t>(n));
+}
+
+TEST(LogFormat, ThreadtimeLayoutWithTheCallersIds) {
+    int pid = getpid(), tid = static_cast<int>(syscall(SYS_gettid));
+    time_t before = time(nullptr);
+    std::string line = format(ANDROID_LOG_DEBUG, "vornd", "Send 256 bytes out");
+    time_t after = time(nullptr);
+    EXPECT_EQ(line, expected(line, pid, tid, 'D', "vornd", "Send 256 bytes out"));
+    // The stamp is the local time of the call.
+    struct tm tm;
+    char stamp[32];
+    bool match = false;
+    for (time_t t = before; t <= after; t++) {
+        localtime_r(&t, &tm);
+        strftime(stamp, sizeof stamp, "%m-%d %H:%M:%S.", &tm);
+        match |= line.compare(0, 15, stamp) == 0;
+    }
+    EXPECT_TRUE(match) << line;
+    EXPECT_TRUE(isdigit(line[15]) && isdigit(line[16]) && isdigit(line[17])) << line;
+
+    EXPECT_EQ(format(ANDROID_LOG_ERROR, "DumpParser", "x"),
+              expected(line, pid, tid, 'E', "DumpParser", "x").replace(0, 18, line, 0, 18));
+    // A line cut to the buffer still ends in a newline.
+    std::string cut = format(ANDROID_LOG_INFO, "vornd", "0123456789", 40);
+    EXPECT_EQ(cut.size(), 39u);
+    EXPECT_EQ(cut.back(), '\n');
+    EXPECT_EQ(cut.compare(0, 38, expected(line, pid, tid, 'I', "vornd", "0123456789"), 0, 38), 0);
+}
+
+TEST(LogFormat, OtherThreadsAndForkedChildrenPrintTheirOwnIds) {
+    format(ANDROID_LOG_DEBUG, "vornd", "warm");  // the parent's ids are known now
+    pid_t child = fork();
+    if (child == 0) {
+        std::string line = format(ANDROID_LOG_DEBUG, "vornd", "child");
+        std::string want = expected(line, getpid(), getpid(), 'D', "vornd", "child");
+        _exit(line == want ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+    int tid = 0;
+    std::string line;
+    std::thread([&] {
+        tid = static_cast<int>(syscall(SYS_gettid));
+        line = format(ANDROID_LOG_WARN, "vornd", "thread");
+    }).join();
+    EXPECT_EQ(line, expected(line, getpid(), tid, 'W', "vornd", "thread"));
+}
+
+TEST(LogFormat, StderrLoggerPrintsEachLineOfAMessageWithItsHeader) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    __android_logger_data data{sizeof data, LOG_ID_SYSTEM, ANDROID_LOG_DEBUG, "vornd", nullptr, 0};
+    vorn_log_stderr_logger(&data, "first\nsecond\n\nthird\n");
+    vorn_log_stderr_logger(&data, "");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(fds[1]);
+    char buf[1024];
+    ssize_t n = read(fds[0], buf, sizeof buf);
+    close(fds[0]);
+    ASSERT_GT(n, 0);
+    std::string out(buf, static_cast<size_t>(n));
+    std::vector<std::string> lines;
+    for (size_t at = 0, nl; (nl = out.find('\n', at)) != std::string::npos; at = nl + 1)
+        lines.push_back(out.substr(at, nl - at));
+    ASSERT_EQ(lines.size(), 4u) << out;
+    const char *texts[] = {"first", "second", "third", ""};
+    for (size_t i = 0; i < 4; i++) {
+        size_t at = lines[i].find(" D vornd   : ");
+        ASSERT_NE(at, std::string::npos) << lines[i];
+        EXPECT_EQ(lines[i].substr(at + 13), std::string(texts[i])) << lines[i];
+    }
+}
+
+}  // namespace
