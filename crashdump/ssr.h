@@ -50,6 +50,11 @@ struct ssr_state {
     std::atomic<bool> stopping{false};
 };
 
+// The collector's work after the thread's own set-up: the enable_ramdumps
+// check, the /dev scan, the folder, the side threads and the poll loop, then
+// the tear-down. Returns once collection has ended (a failure, or SIGUSR1).
+void ssr_collect(ssr_state *st);
+
 // The local time as "-%04d-%02d-%02d_%02d-%02d-%02d" into buf (at least
 // SSR_STAMP_LEN bytes); returns buf, or null.
 char *ssr_timestamp(char *buf, size_t len);

@@ -207,8 +207,9 @@ void tear_down(ssr_state *st, side_thread *uevent, side_thread *ext, side_thread
     st->flags.store(0);
 }
 
-// Steps after the thread's set-up; returns when collection has ended.
-void collect(ssr_state *st) {
+}  // namespace
+
+void ssr_collect(ssr_state *st) {
     if (!ramdumps_enabled())
         return;
     if (find_devices(st) != 0) {
@@ -245,6 +246,7 @@ void collect(ssr_state *st) {
     // SIGUSR2 stays blocked here and in the side threads from birth; the
     // uevent monitor takes it only inside its poll, so a stop sent before
     // that poll is not lost.
+    ssr_install_stop_handler();
     sigset_t usr2;
     sigemptyset(&usr2);
     sigaddset(&usr2, SIGUSR2);
@@ -255,8 +257,6 @@ void collect(ssr_state *st) {
         poll_devices(st);
     tear_down(st, &uevent, &ext, &qdss);
 }
-
-}  // namespace
 
 void ssr_install_stop_handler() {
     struct sigaction sa {};
@@ -276,10 +276,9 @@ void *ssr_thread(void *arg) {
         node->worker_thread = static_cast<uint64_t>(pthread_self());
     }
     install_selfsig_handler();
-    ssr_install_stop_handler();
 
     ssr_state st;
-    collect(&st);
+    ssr_collect(&st);
 
     // The thread ends: the next enable starts a new one.
     vorn_node_guard g(node);
