@@ -183,20 +183,4 @@ TEST(SsrHelpers, TimestampNeedsTwentyOneBytes) {
     EXPECT_TRUE(std::regex_match(buf, std::regex(R"(-\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d)"))) << buf;
 }
 
-TEST(SsrHelpers, StopperInterruptsAndJoins) {
-    ssr_install_stop_handler();
-    // Born with SIGUSR2 blocked and taking it only while suspended, as the
-    // uevent monitor does: a stop sent before the wait is not lost.
-    pthread_t t = start_blocked(
-        [](void *) -> void * {
-            sigset_t wait_mask;
-            pthread_sigmask(SIG_SETMASK, nullptr, &wait_mask);
-            sigdelset(&wait_mask, SIGUSR2);
-            sigsuspend(&wait_mask);
-            return nullptr;
-        },
-        nullptr);
-    EXPECT_EQ(ssr_stop_thread(t, SIGUSR2), 0);
-}
-
 }  // namespace
