@@ -104,7 +104,7 @@ TEST_F(ExtModem, RemovalsMarkOneDumpAndTheAdditionWakesTheCollector) {
     stop();
 }
 
-TEST_F(ExtModem, FolderCopyTakesFilesAndSubfoldersButNotHiddenOrSpecialEntries) {
+TEST_F(ExtModem, FolderCopyTakesFilesAndSubfoldersButNotHiddenOrFifoEntries) {
     root.write("/tombstones/mdm/mdm_dump.bin", pattern(70000));
     root.write("/tombstones/mdm/log.txt", "modem log");
     root.write("/tombstones/mdm/.hidden", "skip me");
