@@ -54,6 +54,29 @@ void note_failure(vorn_log_file *file) {
     file->write_failed = true;
 }
 
+// True when the open file has been unlinked (its directory or the whole log
+// root removed under a running worker): everything written there would be
+// lost. Looked at no more than once a second.
+bool file_was_removed(vorn_log_file *file) {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    if (ts.tv_sec == file->linked_checked)
+        return false;
+    file->linked_checked = ts.tv_sec;
+    struct stat st;
+    return fstat(fileno(file->fp), &st) == 0 && st.st_nlink == 0;
+}
+
+// Replaces a removed file by a new one (its directory made again).
+int reopen_removed(vorn_log_file *file, char *path, vorn_node *node) {
+    VLOGW("Log file %s was removed, continuing in a new file.\n", path);
+    fclose(file->fp);
+    file->fp = nullptr;
+    file->written = 0;
+    file->resume[0] = '\0';
+    return open_log_file(node, file, path);
+}
+
 int compare_names(const void *a, const void *b) {
     return strncmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b), VORN_PATH_MAX);
 }
@@ -179,6 +202,8 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
 
 int write_log_data(const char *data, int len, vorn_log_file *file, char *path, vorn_node *node) {
     if (file->fp == nullptr || len < 0)
+        return -1;
+    if (file_was_removed(file) && reopen_removed(file, path, node) != 0)
         return -1;
     size_t n = fwrite(data, 1, static_cast<size_t>(len), file->fp);
     // A stream in error lost buffered data in an earlier flush (a full disk

@@ -27,6 +27,7 @@ struct vorn_log_file {
     bool write_failed;           // set by the failure, cleared by the close after it
     char resume[VORN_PATH_MAX];  // the open file's device path; after a failed
                                  // close, the file the next open continues
+    int64_t linked_checked;      // monotonic second the file was last seen linked
 };
 
 // Creates the node's directory and opens a new file "<log root>/<log_filepath>.<time>";

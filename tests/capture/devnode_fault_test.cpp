@@ -1,0 +1,135 @@
+// Readers under faults: the log root or the device removed while in use, a
+// full disk, and descriptors past the old select() limit.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/capture/capture_env.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+// Writes bytes and waits until the reader has taken them.
+bool put(int fd, const std::string &bytes, int timeout_ms = 8000) {
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        return false;
+    return wait_for(
+        [&] {
+            int pending = 0;
+            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
+        },
+        timeout_ms);
+}
+
+TEST(DevnodeFault, LogRootAndDeviceRemovedWhileInUse) {
+    LogCapture log;
+    std::string root = device_log_root("gone");
+    int fd = make_fifo("/dev/gone0");
+    vorn_node *node = make_node("RPM", 0x00, "/dev/gone0", "Raw/raw");
+    disable_at_end guard{node};
+    set_enable(node, true);
+    start_variant<capture_devnode>(node);
+    ASSERT_TRUE(put(fd, "one\n"));
+    ASSERT_TRUE(dir_becomes(root + "Raw", "one\n")) << log.dump();
+
+    // The whole log root goes: the next write after the once-a-second look
+    // lands in a new file under a directory made again, not in the unlinked one.
+    std::filesystem::remove_all(capture_root().at(root));
+    usleep(1100 * 1000);
+    ASSERT_TRUE(put(fd, "two\n"));
+    EXPECT_TRUE(dir_becomes(root + "Raw", "two\n")) << log.dump();
+    EXPECT_TRUE(log.has_containing("was removed, continuing in a new file."));
+
+    // The device goes: end of data, the device closed, reopen failures at the
+    // poll; once it is back, reading goes on into the same file.
+    unlink(capture_root().at("/dev/gone0").c_str());
+    close(fd);
+    EXPECT_TRUE(
+        wait_for([&] { return log.has("Failed to open the device node: /dev/gone0\n"); }, 10000))
+        << log.dump();
+    EXPECT_TRUE(log.has_containing("Failed to read from dev node: /dev/gone0"));
+    fd = make_fifo("/dev/gone0");
+    ASSERT_TRUE(put(fd, "three\n", 10000));
+    EXPECT_TRUE(dir_becomes(root + "Raw", "two\nthree\n"));
+    EXPECT_EQ(list_dir(capture_root().at(root + "Raw")).size(), 1u);
+    close(fd);
+}
+
+TEST(DevnodeFault, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
+    LogCapture log;
+    std::string dir = fresh_log_root("devfull", "D");
+    std::string mnt = std::filesystem::path(dir).parent_path().string();
+    std::filesystem::create_directories(mnt);
+    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=32k") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    int fd = make_fifo("/dev/full0");
+    vorn_node *node = make_node("RPM", 0x00, "/dev/full0", "D/full");
+    disable_at_end guard{node};
+    set_enable(node, true);
+    start_variant<capture_devnode>(node);
+
+    std::string line(999, 'x');
+    line += '\n';
+    bool failed = false;
+    for (int i = 0; i < 60 && !failed; i++) {
+        put(fd, line);
+        failed = log.has("Failed to write out to log file\n");
+    }
+    std::string first = file_at(dir, 0);
+    mount("tmpfs", mnt.c_str(), nullptr, MS_REMOUNT, "size=1m");
+    bool resumed = put(fd, "after\n", 10000) &&
+                   wait_for(
+                       [&] {
+                           std::string now = file_at(dir, 0);
+                           return now.size() >= 6 && now.substr(now.size() - 6) == "after\n";
+                       },
+                       8000);
+    std::string after = file_at(dir, 0);
+    size_t files = list_dir(dir).size();
+    set_enable(node, false);
+    put(fd, "bye\n");
+    close(fd);
+    usleep(200 * 1000);
+    umount2(mnt.c_str(), MNT_DETACH);
+    ASSERT_TRUE(failed) << log.dump();
+    EXPECT_TRUE(resumed) << log.dump();
+    EXPECT_EQ(files, 1u);
+    ASSERT_GT(first.size(), 10000u);
+    EXPECT_EQ(after.compare(0, first.size(), first), 0);  // nothing written was lost
+}
+
+// A pipe whose descriptor is far past 1,024 is captured like any other.
+TEST(DevnodeFault, PipeCaptureWithDescriptorsPastTheSelectLimit) {
+    struct rlimit lim;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    if (lim.rlim_max < 2048)
+        GTEST_SKIP() << "descriptor limit " << lim.rlim_max;
+    struct rlimit raised = {2048, lim.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+    std::vector<int> held;
+    int fd;
+    while ((fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0 && fd < 1200)
+        held.push_back(fd);
+    if (fd >= 0)
+        held.push_back(fd);
+    std::string dir = fresh_log_root("highfd", "H");
+    vorn_node *node = start_pipe_node("echo high-fd; exec sleep 30", "H/high", 0);
+    disable_at_end off{node};
+    bool seen = wait_for([&] { return file_at(dir, 0) == "high-fd\n"; }, 10000);
+    EXPECT_TRUE(disable_and_settle(node));
+    for (int h : held)
+        close(h);
+    setrlimit(RLIMIT_NOFILE, &lim);
+    EXPECT_TRUE(seen) << file_at(dir, 0);
+}
+
+}  // namespace
