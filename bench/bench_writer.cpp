@@ -73,6 +73,19 @@ uint64_t dir_bytes(const std::string &dir) {
     return total;
 }
 
+// Prints the copy rate into dir, timed from its first byte on disk until it
+// holds bytes in all.
+void print_copy_rate(const std::string &dir, int64_t bytes) {
+    uint64_t first = 0;
+    while ((first = dir_bytes(dir)) == 0)
+        usleep(200);
+    auto t0 = clock_type::now();
+    while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
+        usleep(200);
+    double s = seconds_since(t0);
+    printf("mb_per_s=%.1f\n", static_cast<double>(bytes - static_cast<int64_t>(first)) / s / 1e6);
+}
+
 int run_write(int chunk, int32_t budget, int64_t total) {
     std::vector<char> data(static_cast<size_t>(chunk), 'w');
     set_log_root("/writer/");
@@ -124,14 +137,7 @@ int run_pipe(int64_t bytes) {
     vorn_node_create_work_thread(node);
     std::string dir = vorn_path("/pipe/P");
     // The worker's first poll comes 3 s after its start: time only the copy.
-    uint64_t first = 0;
-    while ((first = dir_bytes(dir)) == 0)
-        usleep(200);
-    auto t0 = clock_type::now();
-    while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
-        usleep(200);
-    double s = seconds_since(t0);
-    printf("mb_per_s=%.1f\n", static_cast<double>(bytes - static_cast<int64_t>(first)) / s / 1e6);
+    print_copy_rate(dir, bytes);
     // The worker thread and its provider end with the process.
     return 0;
 }
@@ -147,15 +153,8 @@ int run_cat(int64_t bytes) {
         execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
-    uint64_t first = 0;
-    while ((first = dir_bytes(dir)) == 0)
-        usleep(200);
-    auto t0 = clock_type::now();
-    while (dir_bytes(dir) < static_cast<uint64_t>(bytes))
-        usleep(200);
-    double s = seconds_since(t0);
+    print_copy_rate(dir, bytes);
     waitpid(pid, nullptr, 0);
-    printf("mb_per_s=%.1f\n", static_cast<double>(bytes - static_cast<int64_t>(first)) / s / 1e6);
     return 0;
 }
 

@@ -32,41 +32,40 @@ unique_fd open_sys(const char *device_path) {
     return fd;
 }
 
-// The ETF step of one crash; false ends the thread.
-bool save_etf(const ssr_state *st) {
-    unique_fd flag = open_sys(QDSS_ETF_CURR_SINK);
+// Reads a sink's "curr_sink" flag: 1 when the sink is current, 0 when not,
+// -1 (logged with the sink's short name) when it cannot be read.
+int sink_is_current(const char *flag_path, const char *sink_name) {
+    unique_fd flag = open_sys(flag_path);
     if (!flag.valid()) {
-        VLOGE("Failed to save qdss etf dump\n");
-        return false;
+        VLOGE("Failed to save qdss %s dump\n", sink_name);
+        return -1;
     }
     char sink[3] = {};
     if (read_retry(flag.get(), sink, 2) <= 0) {
-        VLOGE("Unable to read qdss etf data\n");
-        VLOGE("Failed to save qdss etf dump\n");
-        return false;
+        VLOGE("Unable to read qdss %s data\n", sink_name);
+        VLOGE("Failed to save qdss %s dump\n", sink_name);
+        return -1;
     }
-    if (sink[0] == '1' && qdss_sink_dump(st, QDSS_ETF_NAME, QDSS_ETF_SIZE) < 0) {
+    return sink[0] == '1';
+}
+
+// The ETF step of one crash; false ends the thread.
+bool save_etf(const ssr_state *st) {
+    int current = sink_is_current(QDSS_ETF_CURR_SINK, "etf");
+    if (current < 0)
+        return false;
+    if (current == 1 && qdss_sink_dump(st, QDSS_ETF_NAME, QDSS_ETF_SIZE) < 0) {
         VLOGE("Failed to save qdss etf dump\n");
         return false;
     }
     return true;
 }
 
-// The ETR step of one crash; false ends the thread.
+// The ETR step of one crash (only in "mem" mode); false ends the thread.
 bool save_etr(const ssr_state *st) {
-    unique_fd flag = open_sys(QDSS_ETR_CURR_SINK);
-    if (!flag.valid()) {
-        VLOGE("Failed to save qdss etr dump\n");
-        return false;
-    }
-    char sink[3] = {};
-    if (read_retry(flag.get(), sink, 2) <= 0) {
-        VLOGE("Unable to read qdss etr data\n");
-        VLOGE("Failed to save qdss etr dump\n");
-        return false;
-    }
-    if (sink[0] != '1')
-        return true;
+    int current = sink_is_current(QDSS_ETR_CURR_SINK, "etr");
+    if (current <= 0)
+        return current == 0;
     unique_fd mode_fd = open_sys(QDSS_ETR_OUT_MODE);
     if (!mode_fd.valid()) {
         VLOGE("Failed to save qdss etr dump\n");
