@@ -33,7 +33,7 @@ case "$kind" in
     # and registry, concurrent archives, the socket, dispatch and hostile
     # end-to-end runs (the daemon is instrumented), the pipe worker and the
     # QMI client. The other worker suites repeat the same thread pattern.
-    filter=(-R '^(daemon_test|archive_test|qmi_test|capture_test_PipeWorker|e2e_protocol_test|e2e_dispatch_test|e2e_hostile_test)$')
+    filter=(-R '^(daemon_test|archive_test|qmi_test|crashdump_test|capture_test_PipeWorker|e2e_protocol_test|e2e_dispatch_test|e2e_hostile_test)$')
     ;;
   *)
     echo "sanitize.sh: unknown kind $kind (address or thread)" >&2
