@@ -2,13 +2,14 @@
 # The per-device ramdump copy against dd bs=32k on the same 1 GiB source in
 # the same run, both ending with an fsync of their file. The source is a
 # sparse file (default) or a FIFO fed from /dev/zero. Prints the medians and
-# the throughput ratio dump / dd. Goal: >= 0.9.
+# the throughput ratio dump / dd, and one BENCH_ROW line. Goal: >= 0.9.
 #
 #   bench/bench_ramdump.sh [BUILD_DIR] [RUNS] [sparse|fifo]
 #   VORN_BENCH_DIR=DIR    the file system to write to (default BUILD_DIR)
 set -euo pipefail
+. "$(dirname "$0")/lib.sh"
 build=${1:-build}
-runs=${2:-5}
+runs=${2:-$(bench_runs)}
 source_kind=${3:-sparse}
 size=$((1 << 30))
 dir=$(realpath "${VORN_BENCH_DIR:-$build}")
@@ -68,3 +69,7 @@ awk -v d="$dump_ms" -v p="$dd_ms" -v s="$size" 'BEGIN {
   r = p / d
   printf "throughput ratio dump / dd: %.3f (goal >= 0.9): %s\n", r, (r >= 0.9 ? "met" : "MISSED")
 }'
+mbps() { for ms in "$@"; do awk -v s="$size" -v m="$ms" 'BEGIN { printf "%.1f\n", s / m / 1000 }'; done; }
+bench_row "ramdump, 1 GiB $source_kind device to its file" "MB/s" higher "ratio>=0.9" \
+  "dd bs=32k conv=fsync from the same device" "$(bench_join $(mbps "${dump_times[@]}"))" \
+  "$(bench_join $(mbps "${dd_times[@]}"))" "bench/bench_ramdump.sh build-rel 5 $source_kind"
