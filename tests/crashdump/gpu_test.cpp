@@ -1,12 +1,12 @@
 // The GPU hang snapshot: the hang rule, the copy and its "ZIP GPU" notice,
 // recorded by the stand-in am first on PATH.
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "crashdump/crashdump.h"
 #include "crashdump/gpu_snapshot.h"
 #include "tests/crashdump/crash_env.h"
+#include "tests/support/text_shape.h"
 
 namespace {
 
@@ -47,17 +47,15 @@ TEST_F(GpuSnapshot, NewHangIsCopiedAndAnnounced) {
 
     ASSERT_EQ(dumps().size(), 1u);
     std::string name = dumps()[0];
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(name, m,
-                                 std::regex(R"(dump_1234\.bin\.(\d{4}(_\d\d){2}-\d\d(_\d\d){2}))")))
-        << name;
+    ASSERT_TRUE(has_shape(name, "dump_1234.bin.9999_99_99-99_99_99")) << name;
     EXPECT_EQ(root.read("/sdcard/logs/GPU/" + name), dump);
     EXPECT_EQ(mode_of("/sdcard/logs/GPU/" + name), 0600u);
     // The device path, and the text after its last dot.
     std::string file = "/sdcard/logs//GPU/" + name;
-    EXPECT_EQ(broadcasts(), std::vector<std::string>{"am broadcast -a action.kymbal.from_vornd "
-                                                     "--ei result 1 --es para ZIP GPU " +
-                                                     file + " " + m[1].str()});
+    EXPECT_EQ(broadcasts(),
+              std::vector<std::string>{"am broadcast -a action.kymbal.from_vornd "
+                                       "--ei result 1 --es para ZIP GPU " +
+                                       file + " " + name.substr(name.rfind('.') + 1)});
     EXPECT_TRUE(log.has("gpu: hang detected, timestamp is 1234"));
     EXPECT_TRUE(log.has("gpu: snapshot was dumped to " + file));
 
