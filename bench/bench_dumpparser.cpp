@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "dumpparser/dumpparser.h"
-#include "tests/support/dump_builder.h"
+#include "sim/dump_builder.h"
 
 namespace {
 

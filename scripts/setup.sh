@@ -9,6 +9,7 @@ packages=(
   libxml2-dev zlib1g-dev libminizip-dev
   android-liblog-dev android-libcutils-dev
   libqrtr-dev
+  libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 zip unzip procps util-linux
 )

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/dump_builder.h"
+#include "sim/dump_builder.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 

@@ -1,4 +1,4 @@
-// Writes DDR dump directories for the dump parser's tests and benchmark:
+// Writes DDR dump directories for vornsim ddr-dump and the dump parser's tests:
 // sparse memory images with their load.cmm lines, OCIMEM.BIN with the table
 // address, memory dump tables of both formats and printk rings.
 #pragma once

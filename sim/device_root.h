@@ -1,0 +1,19 @@
+// The files of a simulated phone's device root (vornsim create): the
+// configuration, properties, sysfs and debugfs trees, recording stand-ins for
+// am, mount, stop and start, and the folders the daemon writes into.
+#pragma once
+
+#include <string>
+
+struct DeviceRootSpec {
+    std::string platform = "msm8916";
+    int cpus = 4;
+};
+
+// The Android API level a platform shipped with; logger devices below 20.
+int platform_sdk(const std::string &platform);
+bool known_platform(const std::string &platform);
+// The default configuration for the platform: every row of the register table.
+std::string default_config(const DeviceRootSpec &spec);
+// Makes the tree under dir (kept files are rewritten). False with *err.
+bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err);
