@@ -1,0 +1,126 @@
+// vornsim as a user runs it: the device root it creates, up and down with
+// their faults (twice, never up, after the server died), injections into a
+// root that is not up, and the diag_bridge uevent on the kernel's group.
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "platform/io.h"
+#include "sim/devfs.h"
+#include "sim/phone.h"
+#include "sim/sim_server.h"
+#include "tests/support/daemon_fixture.h"
+#include "tests/support/temp_root.h"
+
+namespace {
+
+ProcessResult vornsim(const std::vector<std::string> &args) {
+    std::vector<std::string> argv = {build_binary("vornsim")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_process(argv, 20000);
+}
+
+TEST(VornsimCliTest, CreateMakesARootForThePlatform) {
+    TempRoot r;
+    ProcessResult res = vornsim({"create", r.path(), "--platform", "msm8974", "--cpus", "2"});
+    ASSERT_EQ(res.exit_status, 0) << res.err;
+    std::string conf = r.read("/etc/vorn-conf.xml");
+    for (const char *row :
+         {"ssr", "GPU", "DynamicDebug", "Bluetooth", "AdbMain", "AdbRadio", "AdbEvents", "Dmesg",
+          "RPM", "QDSS", "QXDM", "WlanTcp", "DataTcp", "DumpParser", "Default"})
+        EXPECT_NE(conf.find(std::string("logname=\"") + row + "\""), std::string::npos) << row;
+    // API level 19: the Android buffers are the kernel's logger devices.
+    EXPECT_NE(conf.find("log_provider=\"/dev/log/main\""), std::string::npos);
+    EXPECT_NE(r.read("/system/build.prop").find("ro.build.version.sdk=19"), std::string::npos);
+    EXPECT_EQ(r.read("/sys/devices/system/cpu/present"), "0-1\n");
+    EXPECT_TRUE(r.exists("/sys/bus/coresight/devices/coresight-etm1/cpu"));
+    EXPECT_FALSE(r.exists("/sys/bus/coresight/devices/coresight-etm2"));
+    EXPECT_EQ(r.read("/sys/bus/coresight/devices/coresight-tmc-etr/out_mode"), "mem\n");
+
+    // The stand-ins record their arguments, wherever the root is.
+    ProcessResult stop = run_process({r.at("/system/bin/stop"), "mpdecision"}, 5000);
+    EXPECT_EQ(stop.exit_status, 0);
+    EXPECT_EQ(r.read("/data/sim/stop.log"), "mpdecision\n");
+
+    ASSERT_EQ(vornsim({"create", r.path(), "--platform", "msm8916"}).exit_status, 0);
+    EXPECT_NE(r.read("/etc/vorn-conf.xml").find("log_provider=\"main;system\""), std::string::npos);
+    EXPECT_EQ(vornsim({"create", r.path(), "--cpus", "0"}).exit_status, 2);
+    EXPECT_EQ(vornsim({"create", r.path(), "--platform", "nokia3310"}).exit_status, 2);
+}
+
+TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
+    std::string why;
+    if (!fuse_usable(&why))
+        GTEST_SKIP() << "FUSE cannot mount here: " << why;
+    TempRoot r;
+    ASSERT_EQ(vornsim({"up", r.path()}).exit_status, 1);  // no device root yet
+    ASSERT_EQ(vornsim({"create", r.path()}).exit_status, 0);
+
+    ProcessResult down = vornsim({"down", r.path()});
+    EXPECT_EQ(down.exit_status, 0);
+    EXPECT_NE(down.out.find("was not up"), std::string::npos);
+    ProcessResult crash = vornsim({"crash", r.path(), "modem"});
+    EXPECT_EQ(crash.exit_status, 1);
+    EXPECT_NE(crash.err.find("is not up"), std::string::npos);
+
+    ProcessResult up = vornsim({"up", r.path()});
+    ASSERT_EQ(up.exit_status, 0) << up.err;
+    EXPECT_TRUE(is_mount_point(sim_mount_dir(r.path())));
+    EXPECT_EQ(vornsim({"up", r.path()}).exit_status, 1);  // already up
+    EXPECT_EQ(vornsim({"crash", r.path(), "modem", "--size", "10", "--elf"}).exit_status, 0);
+    EXPECT_NE(vornsim({"status", r.path()}).out.find("ramdump_modem pending 1"), std::string::npos);
+
+    // The server dies: its mount and links stay until down clears them.
+    pid_t pid = sim_server_pid(r.path());
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGKILL);
+    while (kill(pid, 0) == 0)
+        usleep(10000);
+    EXPECT_TRUE(is_mount_point(sim_mount_dir(r.path())));
+    down = vornsim({"down", r.path()});
+    EXPECT_EQ(down.exit_status, 0);
+    EXPECT_NE(down.out.find("died"), std::string::npos) << down.out;
+    EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+    EXPECT_FALSE(r.exists("/dev/ramdump_modem"));
+
+    // Up again after that, then down twice.
+    ASSERT_EQ(vornsim({"up", r.path()}).exit_status, 0);
+    EXPECT_NE(vornsim({"down", r.path()}).out.find("is down"), std::string::npos);
+    EXPECT_NE(vornsim({"down", r.path()}).out.find("was not up"), std::string::npos);
+    EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+}
+
+TEST(VornsimCliTest, UeventReachesTheKernelGroup) {
+    unique_fd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
+    sockaddr_nl addr{};
+    addr.nl_family = AF_NETLINK;
+    addr.nl_groups = 1;
+    if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+        GTEST_SKIP() << "no uevent socket here: " << strerror(errno);
+    if (geteuid() != 0)
+        GTEST_SKIP() << "sending on the uevent group needs root";
+    TempRoot r;
+    ASSERT_EQ(vornsim({"uevent", r.path(), "remove"}).exit_status, 0);
+    timeval tv{3, 0};
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    // Real device events may come first; ours names diag_bridge.
+    char buf[2048];
+    std::string got;
+    for (int i = 0; i < 50 && got.rfind("remove@/devices/platform/diag_bridge", 0) != 0; i++) {
+        ssize_t n = recv(fd.get(), buf, sizeof buf, 0);
+        if (n <= 0)
+            break;
+        got.assign(buf, static_cast<size_t>(n));
+    }
+    EXPECT_EQ(got.substr(0, got.find('\0')), "remove@/devices/platform/diag_bridge");
+    EXPECT_NE(got.find(std::string("ACTION=remove\0", 14)), std::string::npos);
+    EXPECT_EQ(vornsim({"uevent", r.path(), "change"}).exit_status, 2);
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+// The simulated phone's devices as a reader sees them through the mount:
+// blocking reads, end of file, poll readiness, EINTR on a signal, EIO once
+// after an overflow, one logger entry per read.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "platform/io.h"
+#include "sim/device_root.h"
+#include "sim/phone.h"
+#include "sim/ramdump_device.h"
+#include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+class DevicesTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string why;
+        if (!fuse_usable(&why))
+            GTEST_SKIP() << "FUSE cannot mount here: " << why;
+        std::string err;
+        ASSERT_TRUE(create_device_root(root_.path(), DeviceRootSpec{}, &err)) << err;
+        phone_ = std::make_unique<SimPhone>(root_.path());
+        if (!phone_->up(&err))
+            GTEST_SKIP() << "FUSE cannot mount here: " << err;
+    }
+    void TearDown() override {
+        if (phone_)
+            phone_->down();
+        EXPECT_FALSE(is_mounted());
+    }
+    bool is_mounted() const {
+        return read_file("/proc/self/mountinfo").find(sim_mount_dir(root_.path())) !=
+               std::string::npos;
+    }
+    unique_fd open_dev(const std::string &device_path) const {
+        return unique_fd(open(root_.at(device_path).c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    int cmd(const std::string &line) { return phone_->command(line); }
+
+    TempRoot root_;
+    std::unique_ptr<SimPhone> phone_;
+};
+
+short poll_once(int fd, short events, int ms) {
+    pollfd p{fd, events, 0};
+    return poll(&p, 1, ms) == 1 ? p.revents : 0;
+}
+
+std::string read_to_eof(int fd) {
+    std::string out;
+    char buf[32768];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+void no_op(int) {}
+
+TEST_F(DevicesTest, RamdumpBlocksStreamsEndsAndQueuesACrashDuringARead) {
+    unique_fd fd = open_dev("/dev/ramdump_modem");
+    ASSERT_TRUE(fd.valid());
+    EXPECT_EQ(poll_once(fd.get(), POLLIN, 100), 0);
+
+    // A read waits for the crash.
+    std::string got;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        char buf[5];
+        ssize_t n = read(fd.get(), buf, sizeof buf);
+        got.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+        done = true;
+    });
+    usleep(100000);
+    EXPECT_FALSE(done);
+    ASSERT_EQ(cmd("crash modem 70000 1"), 0);
+    reader.join();
+    EXPECT_EQ(got, std::string("\x7f"
+                               "ELF\x02",
+                               5));
+    EXPECT_NE(poll_once(fd.get(), POLLIN, 0) & POLLIN, 0);
+
+    // A second crash while the first is read waits behind it.
+    ASSERT_EQ(cmd("crash modem 1000 0"), 0);
+    std::string first = got + read_to_eof(fd.get());
+    EXPECT_EQ(first, ramdump_bytes("modem", 70000, true));
+    EXPECT_NE(poll_once(fd.get(), POLLIN, 0) & POLLIN, 0);
+    EXPECT_EQ(read_to_eof(fd.get()), ramdump_bytes("modem", 1000, false));
+    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
+
+    // Another device is untouched; bad injections are refused.
+    unique_fd adsp = open_dev("/dev/ramdump_adsp");
+    EXPECT_EQ(poll_once(adsp.get(), POLLIN, 0), 0);
+    EXPECT_EQ(cmd("crash nosuch 10 0"), -EINVAL);
+    EXPECT_EQ(cmd("crash modem 0 0"), -EINVAL);
+    EXPECT_EQ(cmd("crash modem -5 0"), -EINVAL);
+    EXPECT_EQ(cmd("explode"), -EINVAL);
+}
+
+TEST_F(DevicesTest, SignalInterruptsABlockedRead) {
+    // The collectors stop their readers with a signal whose handler only logs.
+    struct sigaction sa {
+    }, old{};
+    sa.sa_handler = no_op;
+    sigaction(SIGUSR1, &sa, &old);
+    unique_fd fd = open_dev("/dev/ramdump_venus");
+    std::atomic<int> err{0};
+    std::atomic<bool> started{false};
+    std::thread reader([&] {
+        char c;
+        started = true;
+        if (read(fd.get(), &c, 1) < 0)
+            err = errno;
+    });
+    ASSERT_TRUE(wait_until([&] { return started.load(); }, 1000));
+    usleep(100000);
+    pthread_kill(reader.native_handle(), SIGUSR1);
+    ASSERT_TRUE(wait_until([&] { return err.load() != 0; }, 3000));
+    reader.join();
+    EXPECT_EQ(err.load(), EINTR);
+    sigaction(SIGUSR1, &old, nullptr);
+}
+
+TEST_F(DevicesTest, KgslTimestampWakesPollOnlyOnAChange) {
+    unique_fd fd = open_dev("/sys/class/kgsl/kgsl-3d0/snapshot/timestamp");
+    ASSERT_TRUE(fd.valid());
+    char buf[16];
+    ASSERT_EQ(read(fd.get(), buf, sizeof buf), 2);
+    EXPECT_EQ(std::string(buf, 2), "0\n");
+    EXPECT_EQ(poll_once(fd.get(), POLLPRI | POLLERR, 100), 0);
+
+    std::thread hang([this] {
+        usleep(100000);
+        cmd("gpu-hang");
+    });
+    EXPECT_EQ(poll_once(fd.get(), POLLPRI | POLLERR, 3000), POLLPRI | POLLERR);
+    hang.join();
+    EXPECT_EQ(pread(fd.get(), buf, sizeof buf, 0), 2);
+    EXPECT_EQ(std::string(buf, 2), "1\n");
+    EXPECT_EQ(poll_once(fd.get(), POLLPRI | POLLERR, 50), 0);  // read: seen
+
+    unique_fd dump = open_dev("/sys/class/kgsl/kgsl-3d0/snapshot/dump");
+    EXPECT_EQ(read_to_eof(dump.get()), gpu_snapshot_bytes(1));
+}
+
+TEST_F(DevicesTest, TraceStreamsAtItsRateAndOverflowsOnce) {
+    unique_fd fd = open_dev("/dev/byte-cntr");
+    ASSERT_TRUE(fd.valid());
+    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);  // rate 0: nothing due
+    ASSERT_EQ(cmd("trace 4194304"), 0);             // 4 MiB/s
+    char buf[4096];
+    ssize_t n = read(fd.get(), buf, sizeof buf);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(std::string(buf, 4), "QDSS");
+    ASSERT_EQ(cmd("overflow"), 0);
+    EXPECT_EQ(read(fd.get(), buf, sizeof buf), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_GT(read(fd.get(), buf, sizeof buf), 0);
+    ASSERT_EQ(cmd("trace 0"), 0);
+}
+
+TEST_F(DevicesTest, LoggerGivesOneEntryPerReadAndRefusesSmallBuffers) {
+    unique_fd fd = open_dev("/dev/log/main");
+    ASSERT_TRUE(fd.valid());
+    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
+    ASSERT_EQ(cmd("log main 4 Tag first message"), 0);
+    ASSERT_EQ(cmd("log main 6 Tag2 second"), 0);
+    ASSERT_EQ(cmd("log radio 3 R other buffer"), 0);
+    char small[10];
+    EXPECT_EQ(read(fd.get(), small, sizeof small), -1);
+    EXPECT_EQ(errno, EINVAL);
+    char buf[5120];
+    ssize_t n = read(fd.get(), buf, sizeof buf);
+    ASSERT_EQ(n, 20 + 1 + 4 + 14);
+    EXPECT_EQ(buf[0], 19);  // payload length
+    EXPECT_EQ(std::string(buf + 20, static_cast<size_t>(n) - 20),
+              std::string("\x04Tag\0first message\0", 19));
+    n = read(fd.get(), buf, sizeof buf);
+    EXPECT_EQ(std::string(buf + 20, static_cast<size_t>(n) - 20),
+              std::string("\x06Tag2\0second\0", 13));
+    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
+    EXPECT_EQ(cmd("log nosuch 4 T m"), -EINVAL);
+    EXPECT_EQ(cmd("log main 9 T m"), -EINVAL);
+}
+
+}  // namespace
