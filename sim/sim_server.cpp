@@ -82,6 +82,16 @@ void serve(const std::string &root, int ready_fd) {
 
 }  // namespace
 
+bool sim_process_running(pid_t pid) {
+    if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0)
+        return false;
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    size_t paren = stat.rfind(')');
+    return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
+
 bool is_mount_point(const std::string &dir) {
     std::string want = canonical(dir);
     std::ifstream in("/proc/self/mountinfo");
@@ -101,7 +111,7 @@ pid_t sim_server_pid(const std::string &root) {
     long pid = 0;
     if (!(in >> pid) || pid <= 0)
         return -1;
-    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
+    if (!sim_process_running(static_cast<pid_t>(pid)))
         return -1;
     // A recycled pid started later than the server did.
     unsigned long long started = 0;
@@ -169,12 +179,9 @@ int sim_down(const std::string &root, std::string *note) {
     if (pid > 0) {
         kill(pid, SIGTERM);
         // Our own child when brought up by this process (run, tests).
-        for (int i = 0; i < 250; i++) {
-            if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0)
-                break;
+        for (int i = 0; i < 250 && sim_process_running(pid); i++)
             usleep(20000);
-        }
-        if (kill(pid, 0) == 0) {
+        if (sim_process_running(pid)) {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, WNOHANG);
         }

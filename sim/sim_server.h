@@ -13,6 +13,8 @@ int sim_up(const std::string &root, std::string *err);
 int sim_down(const std::string &root, std::string *note);
 // The server's pid, or -1 when none runs.
 pid_t sim_server_pid(const std::string &root);
+// Running, as opposed to gone or a zombie its parent has not reaped yet.
+bool sim_process_running(pid_t pid);
 // Whether dir is a mount point now.
 bool is_mount_point(const std::string &dir);
 // Writes one injection line to the running phone. 0, or -errno.

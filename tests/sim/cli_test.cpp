@@ -17,6 +17,7 @@
 #include "sim/sim_server.h"
 #include "tests/support/daemon_fixture.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -80,8 +81,7 @@ TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
     pid_t pid = sim_server_pid(r.path());
     ASSERT_GT(pid, 0);
     kill(pid, SIGKILL);
-    while (kill(pid, 0) == 0)
-        usleep(10000);
+    ASSERT_TRUE(wait_until([&] { return !sim_process_running(pid); }, 5000));
     EXPECT_TRUE(is_mount_point(sim_mount_dir(r.path())));
     down = vornsim({"down", r.path()});
     EXPECT_EQ(down.exit_status, 0);
