@@ -187,9 +187,11 @@ bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std:
            "# Bluetooth stack configuration\nBtSnoopLogOutput=false\n"
            "BtSnoopFileName=/sdcard/btsnoop_hci.log\nTraceConf=true\n");
     t.file("/data/qdss.mask",
-           "# QDSS trace: STM and the application processors' ETMs\n"
+           "# QDSS trace: STM, the first CPU's ETM and the modem's diag trace into DDR\n"
+           "sink set ddr\n"
            "stm enable\n"
-           "sink set etr\n");
+           "etm apps enable etm_name etm0\n"
+           "swt modem enable diag\n");
     t.file("/data/dynamic_debug.conf", "# dynamic debug queries\nmodule msm_bus +p\n");
     for (const char *d : {"/data/sim", "/dev/socket", "/dev/qrtr", "/dev/mdm", "/sdcard/logs",
                           "/tombstones/mdm", "/proc", "/sim/dev"})

@@ -1,7 +1,8 @@
 // A tester's day on a simulated phone, one daemon start: a modem crash yields
 // its ramdump and the trace-sink dumps, an external modem's removal and
 // return copy its dump folder, a GPU hang yields the snapshot and the "ZIP
-// GPU" notice, and an app's log line reaches the logd capture file.
+// GPU" notice, remote trace reaches the modem's QMI service, and an app's log
+// line reaches the logd capture file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -83,6 +84,14 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     EXPECT_NE(notice.find("--ei result 1 --es para ZIP GPU /sdcard/logs//GPU/dump/dump_1.bin."),
               std::string::npos)
         << notice;
+
+    // Remote trace goes to the modem's QDSS service, which records it.
+    ProcessResult agent = d.vornctl({"agent", "swt", "modem", "enable", "diag"});
+    ASSERT_EQ(agent.exit_status, 0) << agent.err;
+    ASSERT_FALSE(d.wait_for_log("Success to run command: swt->modem->enable->diag").empty());
+    std::string status = d.vornsim({"status", d.path()}).out;
+    EXPECT_NE(status.find("qmi 2 requests 1\n"), std::string::npos) << status;
+    EXPECT_NE(status.find("qmi 3 requests 0\n"), std::string::npos) << status;
 
     // An app logs through logd; the capture file shows the line once the
     // writer's stream buffer (a few KiB) has been filled and flushed.
