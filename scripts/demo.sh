@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs the daemon on this host against a simulated device root under
-# build/device, created on first use with the demo configuration. The daemon
-# logs to stderr; stop it with Ctrl-C.
+# Runs the daemon on a simulated phone: vornsim makes the device root
+# build/device on first use (with the demo configuration), mounts its FUSE
+# devices, starts its services and runs vornd --root build/device in the
+# foreground. Ctrl-C stops the daemon and takes the phone down.
 #
 #   VORN_DEVICE_ROOT=DIR  use another device root
 set -euo pipefail
@@ -14,17 +15,9 @@ cmake --build build -j2
 root=${VORN_DEVICE_ROOT:-$PWD/build/device}
 if [ ! -f "$root/etc/vorn-conf.xml" ]; then
   echo "demo: creating the device root $root"
-  mkdir -p "$root"/{etc,data,dev/socket,sdcard/logs,system/bin,system/etc,proc}
-  ln -sf /bin/sh "$root/system/bin/sh"
-  cat >"$root/system/build.prop" <<PROP
-ro.build.version.sdk=29
-ro.product.board=vornhost
-ro.board.platform=msm8974
-PROP
+  ./build/vornsim create "$root"
   cp tools/demo/vorn-conf.xml "$root/etc/vorn-conf.xml"
 fi
 
-export VORN_DEVICE_ROOT=$root
-export PATH=$PWD/tools/demo/bin:$PATH
-echo "demo: vornd --root $root (socket $root/dev/socket/vornd)"
-exec ./build/vornd --root "$root"
+echo "demo: vornsim run $root (socket $root/dev/socket/vornd)"
+exec ./build/vornsim run "$root"

@@ -149,8 +149,10 @@ std::string default_config(const DeviceRootSpec &spec) {
     x += adb("AdbMain", "main;system", "/dev/log/main", "Adb/main");
     x += adb("AdbRadio", "radio", "/dev/log/radio", "Adb/radio");
     x += adb("AdbEvents", "events", "/dev/log/events", "Adb/events");
-    x += "  <Dmesg logname=\"Dmesg\" enable=\"0\" logtype=\"0\" size=\"10485760\" "
-         "log_provider=\"/proc/kmsg\" log_filepath=\"Dmesg/dmesg\"/>\n";
+    // The kernel log through dmesg, which a host has too (exec: the program
+    // itself gets the SIGHUP that stops the node).
+    x += "  <Dmesg logname=\"Dmesg\" enable=\"0\" logtype=\"128\" size=\"10485760\" "
+         "log_provider=\"exec dmesg -w\" log_filepath=\"Dmesg/dmesg\"/>\n";
     x += "  <RPM logname=\"RPM\" enable=\"0\" logtype=\"0\" size=\"1048576\" "
          "log_provider=\"/sys/kernel/debug/rpm_log\" log_filepath=\"RPM/rpm\"/>\n";
     x += "  <QDSS logname=\"QDSS\" enable=\"0\" logtype=\"0\" size=\"104857600\" "
@@ -199,7 +201,6 @@ bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std:
     // /dev/mdm stands for the external modem's device: present, so the
     // collector watches diag_bridge uevents.
     t.file("/proc/1/status", "Name:\tinit\nState:\tS (sleeping)\nPid:\t1\n");
-    t.file("/proc/kmsg", "");
     coresight(t, spec);
     t.file("/sys/module/subsystem_restart/parameters/enable_ramdumps", "0\n");
     for (int i = 0; i < 4; i++)
