@@ -2,7 +2,8 @@
 // its ramdump and the trace-sink dumps, an external modem's removal and
 // return copy its dump folder, a GPU hang yields the snapshot and the "ZIP
 // GPU" notice, remote trace reaches the modem's QMI service, and an app's log
-// line reaches the logd capture file.
+// line reaches the logd capture file; and, on an older phone, the kernel
+// logger devices.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -112,6 +113,44 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
         10000, 100))
         << text << d.log();
     EXPECT_NE(text.find("I/SimApp"), std::string::npos) << text;
+}
+
+}  // namespace
+
+namespace {
+
+// Before API level 20 the Android buffers are kernel logger devices: the
+// device-node reader takes one entry per read and formats it.
+TEST(SimLoggerTest, EntriesBecomeLinesOnAnOldPlatform) {
+    SimDaemonFixture d;
+    ASSERT_EQ(d.vornsim({"create", d.path(), "--platform", "msm8974"}).exit_status, 0);
+    if (!d.sim_up())
+        GTEST_SKIP() << d.skip_reason();
+    d.write_config(
+        "<vornconf version=\"1.0\">\n"
+        "  <global enable=\"1\" log_path=\"/sdcard/logs/\"/>\n"
+        "  <AdbRadio logname=\"AdbRadio\" enable=\"1\" logtype=\"2\" size=\"1048576\" "
+        "log_provider=\"/dev/log/radio\" log_filepath=\"Adb/radio\"/>\n"
+        "</vornconf>\n");
+    ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "W", "RILJ", "first\nsecond"}).exit_status, 0);
+    ASSERT_TRUE(d.start()) << d.log();
+    ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "E", "RILJ", "third"}).exit_status, 0);
+    std::string text;
+    ASSERT_TRUE(wait_until(
+        [&] {
+            text.clear();
+            for (const std::string &f : d.files("/sdcard/logs/Adb", "radio"))
+                text += read_file(f);
+            return text.find("third") != std::string::npos;
+        },
+        10000, 100))
+        << text << d.log();
+    // One header per line of a message, in the order written.
+    size_t first = text.find("W/RILJ    (");
+    ASSERT_NE(first, std::string::npos) << text;
+    EXPECT_NE(text.find("): first\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("W/RILJ    (", first + 1), std::string::npos) << text;
+    EXPECT_LT(text.find("): second\n"), text.find("E/RILJ    (")) << text;
 }
 
 }  // namespace
