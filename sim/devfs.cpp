@@ -150,6 +150,7 @@ bool SimDevFs::mount(const std::string &dir, std::string *err) {
     char *argv[] = {arg0, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, argv);
     struct fuse *f = fuse_new(&args, &kOps, sizeof kOps, this);
+    fuse_opt_free_args(&args);  // fuse_new copied what it needs
     if (f == nullptr) {
         *err = "fuse_new failed";
         return false;
