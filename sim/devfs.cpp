@@ -3,6 +3,7 @@
 #define FUSE_USE_VERSION 312
 #include <fcntl.h>
 #include <fuse.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -161,6 +162,7 @@ bool SimDevFs::mount(const std::string &dir, std::string *err) {
         return false;
     }
     fuse_ = f;
+    dir_ = dir;
     loop_done_ = std::make_shared<std::atomic<bool>>(false);
     loop_ = std::thread([f, done = loop_done_] {
         fuse_loop_config *cfg = fuse_loop_cfg_create();
@@ -180,15 +182,22 @@ void SimDevFs::unmount() {
     for (auto &[name, dev] : devices_)
         dev->shut_down();
     fuse_exit(fuse_);
-    fuse_unmount(fuse_);
-    // The loop ends once the kernel drops the connection, which a detached
-    // mount does only when its last open file closes. A client that still
-    // holds one (a daemon not yet stopped) must not hang us: leave the loop
-    // to end with the process then.
+    // Detach the mount ourselves rather than through fuse_unmount, which
+    // closes the session's descriptor under the loop's readers; the kernel
+    // then ends the connection and the loop returns. Without the privilege
+    // to unmount, libfuse's own helper is the way.
+    bool detached = umount2(dir_.c_str(), MNT_DETACH) == 0;
+    if (!detached)
+        fuse_unmount(fuse_);
+    // A detached mount ends its connection only when its last open file
+    // closes. A client that still holds one (a daemon not yet stopped) must
+    // not hang us: leave the loop to end with the process then.
     for (int i = 0; i < 100 && !*loop_done_; i++)
         usleep(20000);
     if (*loop_done_) {
         loop_.join();
+        if (detached)
+            fuse_unmount(fuse_);  // closes the descriptor; nothing is mounted
         fuse_destroy(fuse_);
     } else {
         loop_.detach();

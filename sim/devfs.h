@@ -42,6 +42,7 @@ class SimDevFs {
   private:
     std::map<std::string, std::unique_ptr<SimDevice>> devices_;
     struct fuse *fuse_ = nullptr;
+    std::string dir_;
     std::thread loop_;
     std::shared_ptr<std::atomic<bool>> loop_done_;
 };
