@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/io.h"
+#include "sim/ddr_dump.h"
 #include "sim/devfs.h"
 #include "sim/phone.h"
 #include "sim/sim_server.h"
@@ -94,6 +95,13 @@ TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
     EXPECT_NE(vornsim({"down", r.path()}).out.find("is down"), std::string::npos);
     EXPECT_NE(vornsim({"down", r.path()}).out.find("was not up"), std::string::npos);
     EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+
+    // run: the phone goes down with the daemon, whose status it returns.
+    ProcessResult run = vornsim({"run", r.path(), "--vornd", "/bin/false"});
+    EXPECT_EQ(run.exit_status, 1);
+    EXPECT_NE(run.err.find("is down"), std::string::npos) << run.err;
+    EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+    EXPECT_LT(sim_server_pid(r.path()), 0);
 }
 
 TEST(VornsimCliTest, UeventReachesTheKernelGroup) {
@@ -121,6 +129,35 @@ TEST(VornsimCliTest, UeventReachesTheKernelGroup) {
     EXPECT_EQ(got.substr(0, got.find('\0')), "remove@/devices/platform/diag_bridge");
     EXPECT_NE(got.find(std::string("ACTION=remove\0", 14)), std::string::npos);
     EXPECT_EQ(vornsim({"uevent", r.path(), "change"}).exit_status, 2);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DdrDumpTest, KernelLogLinesAndImageLimits) {
+    // /dev/kmsg records: escapes decoded, dictionary lines skipped; other
+    // lines taken whole at rising made-up times.
+    std::vector<KmsgRecord> recs = parse_kmsg_lines(
+        "6,1,1500,-;hello\\x0aworld\\\\x\n SUBSYSTEM=usb\nplain line\n"
+        "4,2,2000,-;\\x1b[0m\n");
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_EQ(recs[0].ts_ns, 1500000u);
+    EXPECT_EQ(recs[0].text, "hello\nworld\\\\x");
+    EXPECT_EQ(recs[1].text, "plain line");
+    EXPECT_EQ(recs[2].ts_ns, 2000000u);
+    EXPECT_EQ(recs[2].text, "\x1b[0m");
+
+    TempRoot r;
+    std::string err;
+    EXPECT_FALSE(write_ddr_dump(r.at("/d1"), recs, 302, 64 << 20, &err));  // no dump table
+    EXPECT_FALSE(write_ddr_dump(r.at("/d2"), recs, 610, 4096, &err));      // log past the image
+    EXPECT_NE(err.find("too small"), std::string::npos) << err;
+    r.write("/kmsg.txt", "6,1,1500,-;one\n");
+    EXPECT_EQ(vornsim({"ddr-dump", r.at("/d3"), "--kmsg", r.at("/kmsg.txt")}).exit_status, 0);
+    EXPECT_TRUE(r.exists("/d3/load.cmm"));
+    EXPECT_EQ(vornsim({"ddr-dump", r.at("/d4"), "--bogus"}).exit_status, 2);
+    EXPECT_EQ(vornsim({"ddr-dump", r.at("/d5"), "--kmsg", r.at("/missing")}).exit_status, 1);
 }
 
 }  // namespace
