@@ -10,8 +10,13 @@ SimDevice::~SimDevice() {
 
 unsigned SimDevice::poll(SimOpen &open, fuse_pollhandle *ph) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (ph != nullptr)
+    if (ph != nullptr) {
+        // Pollers that time out and poll again leave their handles here; a
+        // spurious wake-up of the old ones (they poll again) keeps it small.
+        if (polls_.size() >= kMaxPolls)
+            changed_locked();
         polls_.push_back(ph);
+    }
     return events_locked(open);
 }
 

@@ -70,6 +70,7 @@ class SimDevice {
     std::mutex mu_;
 
   private:
+    static constexpr size_t kMaxPolls = 64;
     static bool interrupted();
 
     std::string name_;
