@@ -122,8 +122,10 @@ int ddr_dump_main(const std::vector<std::string> &args) {
         if (args[i] == "--image-size" && i + 1 < args.size()) {
             char *end = nullptr;
             image_size = strtoull(args[++i].c_str(), &end, 0);
-            if (*end != '\0' || image_size == 0)
+            if (*end != '\0' || image_size == 0) {
+                fprintf(stderr, "vornsim: ddr-dump: bad --image-size %s\n", args[i].c_str());
                 return 2;
+            }
         } else if (args[i] == "--from-dmesg") {
             from_dmesg = true;
         } else if (args[i] == "--kmsg" && i + 1 < args.size()) {
@@ -133,8 +135,11 @@ int ddr_dump_main(const std::vector<std::string> &args) {
             return 2;
         }
     }
-    if (from_dmesg == !kmsg_file.empty())
-        from_dmesg = kmsg_file.empty();  // the host's log unless a file is named
+    if (from_dmesg && !kmsg_file.empty()) {
+        fprintf(stderr, "vornsim: ddr-dump takes --from-dmesg or --kmsg FILE, not both\n");
+        return 2;
+    }
+    from_dmesg = kmsg_file.empty();  // the host's log unless a file is named
     std::vector<KmsgRecord> recs;
     std::string err;
     if (from_dmesg) {

@@ -157,6 +157,9 @@ TEST(DdrDumpTest, KernelLogLinesAndImageLimits) {
     EXPECT_EQ(vornsim({"ddr-dump", r.at("/d3"), "--kmsg", r.at("/kmsg.txt")}).exit_status, 0);
     EXPECT_TRUE(r.exists("/d3/load.cmm"));
     EXPECT_EQ(vornsim({"ddr-dump", r.at("/d4"), "--bogus"}).exit_status, 2);
+    EXPECT_EQ(
+        vornsim({"ddr-dump", r.at("/d4"), "--from-dmesg", "--kmsg", r.at("/kmsg.txt")}).exit_status,
+        2);
     EXPECT_EQ(vornsim({"ddr-dump", r.at("/d5"), "--kmsg", r.at("/missing")}).exit_status, 1);
 }
 
