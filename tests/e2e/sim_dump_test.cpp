@@ -1,6 +1,6 @@
-// A DDR dump made by vornsim from this host's own kernel log goes through the
-// DumpParser node; the kmsg.txt it writes holds the messages and times that
-// dmesg shows.
+// On the phone's default configuration, a DDR dump made by vornsim from this
+// host's own kernel log goes through the DumpParser node; the kmsg.txt it
+// writes holds the messages and times that dmesg shows.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -55,13 +55,19 @@ TEST(SimDumpTest, HostKernelLogComesBackFromADdrDump) {
     if (dmesg.exit_status != 0)
         GTEST_SKIP() << "dmesg fails here: " << dmesg.err;
 
+    // The phone's default configuration: every row binds.
     SimDaemonFixture d;
-    d.write_config(
-        "<vornconf version=\"1.0\">\n"
-        "  <global enable=\"1\" log_path=\"/sdcard/logs/\"/>\n"
-        "  <DumpParser logname=\"DumpParser\" enable=\"0\" logtype=\"32\"/>\n"
-        "</vornconf>\n");
     ASSERT_TRUE(d.start()) << d.log();
+    ProcessResult status = d.vornctl({"status"});
+    ASSERT_EQ(status.exit_status, 0) << status.err;
+    for (const char *row :
+         {"ssr", "GPU", "DynamicDebug", "Bluetooth", "AdbMain", "AdbRadio", "AdbEvents", "Dmesg",
+          "RPM", "QDSS", "QXDM", "WlanTcp", "DataTcp", "DumpParser", "Default"}) {
+        size_t at = status.out.find(std::string(" ") + row + " ");
+        ASSERT_NE(at, std::string::npos) << row << "\n" << status.out;
+        EXPECT_NE(status.out[status.out.rfind('\n', at) + 1], '-') << row << "\n" << status.out;
+    }
+
     ProcessResult made = d.vornsim({"ddr-dump", d.at("/data/dumps/host"), "--from-dmesg"});
     ASSERT_EQ(made.exit_status, 0) << made.err;
     EXPECT_TRUE(d.exists("/data/dumps/host/load.cmm"));
