@@ -60,7 +60,7 @@ FakeLogd::~FakeLogd() {
     }
     (void)!write(wake_[1], "q", 1);
     thread_.join();
-    drop_reader();
+    drop_readers();
     if (listen_fd_ >= 0) {
         close(listen_fd_);
         unlink(path_.c_str());
@@ -87,10 +87,26 @@ bool FakeLogd::listen_now() {
     return true;
 }
 
-void FakeLogd::drop_reader() {
-    if (reader_fd_ >= 0)
-        close(reader_fd_);
-    reader_fd_ = -1;
+// With mutex_ held. What a sole reader had not taken waits for the next one;
+// other readers have their own copies.
+void FakeLogd::drop_reader(size_t i) {
+    Reader r = std::move(conns_[i]);
+    conns_.erase(conns_.begin() + static_cast<std::ptrdiff_t>(i));
+    close(r.fd);
+    if (conns_.empty())
+        queue_.insert(queue_.begin(), r.out.begin(), r.out.end());
+    update_in_flight();
+}
+
+void FakeLogd::drop_readers() {
+    while (!conns_.empty())
+        drop_reader(conns_.size() - 1);
+}
+
+void FakeLogd::update_in_flight() {
+    in_flight_ = 0;
+    for (const Reader &r : conns_)
+        in_flight_ += r.out.size();
 }
 
 void FakeLogd::send(std::string rec) {
@@ -135,10 +151,12 @@ size_t FakeLogd::queued() const {
 
 bool FakeLogd::drained() const {
     std::lock_guard<std::mutex> g(mutex_);
-    int unread = 0;
-    if (reader_fd_ >= 0 && ioctl(reader_fd_, SIOCOUTQ, &unread) != 0)
-        unread = 0;
-    return queue_.empty() && in_flight_ == 0 && unread == 0;
+    for (const Reader &r : conns_) {
+        int unread = 0;
+        if (ioctl(r.fd, SIOCOUTQ, &unread) == 0 && unread != 0)
+            return false;
+    }
+    return queue_.empty() && in_flight_ == 0;
 }
 
 int FakeLogd::readers() const {
@@ -161,7 +179,7 @@ void FakeLogd::serve() {
             if (request_ == Request::quit)
                 return;
             if (request_ == Request::go_away) {
-                drop_reader();
+                drop_readers();
                 if (listen_fd_ >= 0)
                     close(listen_fd_);
                 listen_fd_ = -1;
@@ -174,20 +192,22 @@ void FakeLogd::serve() {
                 changed_.notify_all();
             }
         }
-        bool have_data;
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            have_data = !queue_.empty() || !sending_.empty();
-        }
-        pollfd fds[3];
+        constexpr size_t kMaxReaders = 16;
+        pollfd fds[2 + kMaxReaders];
         nfds_t n = 0;
         fds[n++] = {wake_[0], POLLIN, 0};
-        if (listen_fd_ >= 0)
+        int listen_slot = -1;
+        if (listen_fd_ >= 0) {
+            listen_slot = static_cast<int>(n);
             fds[n++] = {listen_fd_, POLLIN, 0};
-        int reader_slot = -1;
-        if (reader_fd_ >= 0) {
-            reader_slot = static_cast<int>(n);
-            fds[n++] = {reader_fd_, static_cast<short>(POLLIN | (have_data ? POLLOUT : 0)), 0};
+        }
+        size_t first_reader = n;
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            for (const Reader &r : conns_) {
+                bool have_data = !queue_.empty() || !r.out.empty();
+                fds[n++] = {r.fd, static_cast<short>(POLLIN | (have_data ? POLLOUT : 0)), 0};
+            }
         }
         if (poll(fds, n, 1000) < 0 && errno != EINTR)
             return;
@@ -196,89 +216,89 @@ void FakeLogd::serve() {
             while (read(wake_[0], buf, sizeof buf) > 0) {
             }
         }
-        if (listen_fd_ >= 0 && (fds[1].revents & POLLIN)) {
+        // Readers that hung up go first, so that what a sole reader left
+        // waits for the one that replaces it.
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            for (size_t i = conns_.size(); i-- > 0;) {
+                short ev = fds[first_reader + i].revents;
+                bool gone = (ev & (POLLHUP | POLLERR)) != 0;
+                if (!gone && (ev & POLLIN)) {
+                    char buf[256];
+                    gone = recv(conns_[i].fd, buf, sizeof buf, MSG_DONTWAIT) == 0;
+                }
+                if (gone)
+                    drop_reader(i);
+            }
+        }
+        if (listen_slot >= 0 && (fds[listen_slot].revents & POLLIN)) {
             int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) {
                 char cmd[256];
                 pollfd p{fd, POLLIN, 0};
                 ssize_t got = poll(&p, 1, 2000) > 0 ? recv(fd, cmd, sizeof cmd - 1, 0) : -1;
                 std::lock_guard<std::mutex> g(mutex_);
-                drop_reader();
-                reader_fd_ = fd;
+                if (conns_.size() == kMaxReaders)
+                    drop_reader(0);
                 readers_++;
                 cmd[got > 0 ? got : 0] = '\0';
                 commands_.emplace_back(cmd);
-                lids_ = 0;
+                unsigned lids = 0;
                 if (const char *l = strstr(cmd, "lids=")) {
                     char *end = nullptr;
                     for (l += 5; *l >= '0' && *l <= '9'; l = *end == ',' ? end + 1 : end) {
-                        lids_ |= 1u << (strtoul(l, &end, 10) & 31);
+                        lids |= 1u << (strtoul(l, &end, 10) & 31);
                     }
                 }
+                conns_.push_back(Reader{fd, lids, {}});
                 continue;
             }
         }
-        if (reader_slot < 0)
-            continue;
-        short ev = fds[reader_slot].revents;
-        if (ev & (POLLHUP | POLLERR)) {
-            std::lock_guard<std::mutex> g(mutex_);
-            drop_reader();
-            continue;
-        }
-        if (ev & POLLIN) {
-            char buf[256];
-            if (recv(reader_fd_, buf, sizeof buf, MSG_DONTWAIT) == 0) {
-                std::lock_guard<std::mutex> g(mutex_);
-                drop_reader();
-                continue;
-            }
-        }
-        // Send what fits now, outside the lock; the rest when the reader has read.
-        unsigned lids;
+        // Hand the queue to the readers, each the records of its buffers.
         {
             std::lock_guard<std::mutex> g(mutex_);
-            if (request_ != Request::none)
+            if (request_ != Request::none || conns_.empty())
                 continue;
-            if (sending_.empty())
-                sending_.swap(queue_);
-            in_flight_ = sending_.size();
-            lids = lids_;
+            for (std::string &rec : queue_)
+                for (Reader &r : conns_)
+                    if (wanted(rec, r.lids))
+                        r.out.push_back(rec);
+            queue_.clear();
+            update_in_flight();
         }
-        // Still one record per packet, but up to 64 packets per call.
-        int fd = reader_fd_;
-        bool failed = false;
-        while (!sending_.empty()) {
-            constexpr size_t kBatch = 64;
-            mmsghdr hdrs[kBatch];
-            iovec iov[kBatch];
-            size_t n = 0;
-            while (!sending_.empty() && !wanted(sending_.front(), lids))
-                sending_.pop_front();
-            for (size_t i = 0; i < sending_.size() && n < kBatch; i++) {
-                std::string &rec = sending_[i];
-                if (!wanted(rec, lids))
-                    break;  // dropped at the head of the next batch
-                iov[n] = {rec.data(), rec.size()};
-                hdrs[n] = {};
-                hdrs[n].msg_hdr.msg_iov = &iov[n];
-                hdrs[n].msg_hdr.msg_iovlen = 1;
-                n++;
+        // Send what fits now, outside the lock (the out queues are this
+        // thread's); the rest when the reader has read.
+        std::vector<size_t> failed;
+        for (size_t k = 0; k < conns_.size(); k++) {
+            Reader &r = conns_[k];
+            while (!r.out.empty()) {
+                // Still one record per packet, but up to 64 packets per call.
+                constexpr size_t kBatch = 64;
+                mmsghdr hdrs[kBatch];
+                iovec iov[kBatch];
+                size_t m = 0;
+                for (size_t i = 0; i < r.out.size() && m < kBatch; i++) {
+                    iov[m] = {r.out[i].data(), r.out[i].size()};
+                    hdrs[m] = {};
+                    hdrs[m].msg_hdr.msg_iov = &iov[m];
+                    hdrs[m].msg_hdr.msg_iovlen = 1;
+                    m++;
+                }
+                int sent =
+                    sendmmsg(r.fd, hdrs, static_cast<unsigned>(m), MSG_DONTWAIT | MSG_NOSIGNAL);
+                if (sent < 0) {
+                    if (errno != EAGAIN && errno != EWOULDBLOCK)
+                        failed.push_back(k);
+                    break;
+                }
+                r.out.erase(r.out.begin(), r.out.begin() + sent);
+                if (static_cast<size_t>(sent) < m)
+                    break;  // the reader's queue is full
             }
-            if (n == 0)
-                break;
-            int sent = sendmmsg(fd, hdrs, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (sent < 0) {
-                failed = errno != EAGAIN && errno != EWOULDBLOCK;
-                break;
-            }
-            sending_.erase(sending_.begin(), sending_.begin() + sent);
-            if (static_cast<size_t>(sent) < n)
-                break;  // the reader's queue is full
         }
         std::lock_guard<std::mutex> g(mutex_);
-        in_flight_ = sending_.size();
-        if (failed)
-            drop_reader();
+        for (size_t i = failed.size(); i-- > 0;)
+            drop_reader(failed[i]);
+        update_in_flight();
     }
 }

@@ -1,8 +1,10 @@
 // A stand-in for logd's reader socket on a host: it listens on a
-// SOCK_SEQPACKET socket (normally <root>/dev/socket/logdr), takes one reader
-// at a time with its text command ("stream lids=0,3") and sends it the
-// scripted records, one per packet, in the order they were queued. Used by
-// the logd capture tests and benchmark.
+// SOCK_SEQPACKET socket (normally <root>/dev/socket/logdr), takes readers with
+// their text command ("stream lids=0,3") and sends each the scripted records
+// of its buffers, one per packet, in the order they were queued. Records
+// queued while no reader is connected wait for the next one, and so do the
+// ones a sole reader had not taken when it hung up. Used by the logd capture
+// tests and benchmark and by the simulated phone.
 #pragma once
 
 #include <log/log_read.h>
@@ -35,7 +37,7 @@ class FakeLogd {
     // reader did not ask for are dropped when their turn comes.
     void send(std::string record);
     void send_all(const std::vector<std::string> &records);
-    // Hangs up on the reader, stops listening and removes the socket.
+    // Hangs up on the readers, stops listening and removes the socket.
     void go_away();
     // Listens again.
     void come_back();
@@ -48,7 +50,14 @@ class FakeLogd {
   private:
     void serve();
     bool listen_now();
-    void drop_reader();
+    struct Reader {
+        int fd;
+        unsigned lids;
+        std::deque<std::string> out;  // records for it not yet sent
+    };
+    void drop_reader(size_t i);
+    void drop_readers();
+    void update_in_flight();
     static bool wanted(const std::string &record, unsigned lids);
 
     std::string path_;
@@ -56,12 +65,12 @@ class FakeLogd {
     std::condition_variable changed_;
     std::deque<std::string> queue_;
     std::vector<std::string> commands_;
-    unsigned lids_ = 0;
     int readers_ = 0;
-    std::deque<std::string> sending_;  // taken from the queue by the server thread
-    size_t in_flight_ = 0;             // its size, for queued() and drained()
+    // Changed under mutex_ by the server thread only; their out queues are
+    // the server thread's alone.
+    std::vector<Reader> conns_;
+    size_t in_flight_ = 0;  // records in the out queues, for queued() and drained()
     int listen_fd_ = -1;
-    int reader_fd_ = -1;
     int wake_[2] = {-1, -1};
     enum class Request { none, go_away, come_back, quit } request_ = Request::none;
     std::thread thread_;
