@@ -78,9 +78,10 @@ int fs_open(const char *path, fuse_file_info *fi) {
         return -ENOENT;
     if ((fi->flags & O_ACCMODE) != O_RDONLY && !dev->writable())
         return -EACCES;
-    auto *o = new Open{dev, {}};
+    auto o = std::make_unique<Open>(Open{dev, {}});
     dev->opened(o->state);
-    fi->fh = reinterpret_cast<uint64_t>(o);
+    // The kernel's file handle owns it until release.
+    fi->fh = reinterpret_cast<uint64_t>(o.release());
     fi->direct_io = 1;
     fi->nonseekable = dev->stream() ? 1 : 0;
     return 0;
@@ -97,7 +98,7 @@ int fs_write(const char *, const char *buf, size_t len, off_t, fuse_file_info *f
 }
 
 int fs_release(const char *, fuse_file_info *fi) {
-    delete open_of(fi);
+    std::unique_ptr<Open> owned(open_of(fi));
     return 0;
 }
 

@@ -98,12 +98,12 @@ std::string gpu_snapshot_bytes(int n) {
 
 SimPhone::SimPhone(std::string root) : root_(std::move(root)) {
     for (const std::string &s : kSimSubsystems)
-        fs_.add<RamdumpDevice>("ramdump_" + s);
+        ramdumps_[s] = fs_.add<RamdumpDevice>("ramdump_" + s);
     fs_.add<BlobDevice>("coresight-tmc-etf", trace_bytes(kEtfSize));
     fs_.add<BlobDevice>("coresight-tmc-etr", trace_bytes(kEtrSize));
     trace_ = fs_.add<TraceDevice>("byte-cntr");
     for (const char *b : {"main", "radio", "events", "system"})
-        fs_.add<LoggerDevice>(std::string("log_") + b);
+        loggers_[b] = fs_.add<LoggerDevice>(std::string("log_") + b);
     stamp_ = fs_.add<KgslStamp>("kgsl_timestamp");
     snapshot_ = fs_.add<BlobDevice>("kgsl_dump", gpu_snapshot_bytes(0));
     fs_.add<ControlDevice>(
@@ -156,10 +156,10 @@ int SimPhone::command(std::string_view line) {
     unsigned long long v = 0;
     if (w[0] == "crash" && w.size() == 4) {
         // crash SUBSYS SIZE ELF
-        auto *dev = static_cast<RamdumpDevice *>(fs_.find("ramdump_" + w[1]));
-        if (dev == nullptr || w[1].empty() || !number(w[2], &v) || v == 0 || v > (1ull << 30))
+        auto dev = ramdumps_.find(w[1]);
+        if (dev == ramdumps_.end() || !number(w[2], &v) || v == 0 || v > (1ull << 30))
             return -EINVAL;
-        dev->inject(ramdump_bytes(w[1], static_cast<size_t>(v), w[3] == "1"));
+        dev->second->inject(ramdump_bytes(w[1], static_cast<size_t>(v), w[3] == "1"));
         return 0;
     }
     if (w[0] == "gpu-hang" && w.size() == 1) {
@@ -187,11 +187,11 @@ int SimPhone::command(std::string_view line) {
         std::string msg = w.size() > 4 ? w[4] : "";
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
-        auto *dev = static_cast<LoggerDevice *>(fs_.find("log_" + w[1]));
-        if (dev != nullptr)
-            dev->append(logger_entry(static_cast<int>(v), w[3], msg, getpid(), getpid(),
-                                     static_cast<int32_t>(now.tv_sec),
-                                     static_cast<int32_t>(now.tv_nsec)));
+        auto dev = loggers_.find(w[1]);  // the crash buffer has no device
+        if (dev != loggers_.end())
+            dev->second->append(logger_entry(static_cast<int>(v), w[3], msg, getpid(), getpid(),
+                                             static_cast<int32_t>(now.tv_sec),
+                                             static_cast<int32_t>(now.tv_nsec)));
         if (logd_)
             logd_->send(FakeLogd::text_entry(static_cast<log_id_t>(lid), static_cast<int>(v), w[3],
                                              msg, getpid(), static_cast<uint32_t>(now.tv_sec),
@@ -203,10 +203,8 @@ int SimPhone::command(std::string_view line) {
 
 std::string SimPhone::status() const {
     std::ostringstream out;
-    for (const std::string &s : kSimSubsystems) {
-        auto *dev = static_cast<RamdumpDevice *>(fs_.find("ramdump_" + s));
-        out << "ramdump_" << s << " pending " << dev->pending() << "\n";
-    }
+    for (const auto &[subsys, dev] : ramdumps_)
+        out << "ramdump_" << subsys << " pending " << dev->pending() << "\n";
     out << "kgsl timestamp " << stamp_->get() << "\n";
     out << "trace streamed " << trace_->streamed() << "\n";
     if (logd_) {

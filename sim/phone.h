@@ -5,6 +5,7 @@
 // (see command()); reading that file gives the phone's state.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,6 +18,8 @@ class FakeQmiService;
 class KgslStamp;
 class BlobDevice;
 class TraceDevice;
+class RamdumpDevice;
+class LoggerDevice;
 
 // Where a device of the file system appears in the device root.
 struct SimLink {
@@ -45,6 +48,8 @@ class SimPhone {
   private:
     std::string root_;
     SimDevFs fs_;
+    std::map<std::string, RamdumpDevice *> ramdumps_;  // by subsystem
+    std::map<std::string, LoggerDevice *> loggers_;    // by buffer
     KgslStamp *stamp_ = nullptr;
     BlobDevice *snapshot_ = nullptr;
     TraceDevice *trace_ = nullptr;
