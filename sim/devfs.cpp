@@ -197,9 +197,9 @@ void SimDevFs::unmount() {
         usleep(20000);
     if (*loop_done_) {
         loop_.join();
-        if (detached)
-            fuse_unmount(fuse_);  // closes the descriptor; nothing is mounted
-        fuse_destroy(fuse_);
+        if (!detached)
+            fuse_unmount(fuse_);
+        fuse_destroy(fuse_);  // closes the session's descriptor
     } else {
         loop_.detach();
     }
