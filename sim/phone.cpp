@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "sim/blob_device.h"
@@ -140,6 +141,9 @@ bool SimPhone::up(std::string *err) {
 }
 
 void SimPhone::down() {
+    // What the services received stays readable after the session.
+    if (logd_)
+        std::ofstream(root_ + "/data/sim/last-status.txt") << status();
     qmi_.clear();
     logd_.reset();
     if (fs_.mounted())

@@ -93,6 +93,7 @@ TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
     // Up again after that, then down twice.
     ASSERT_EQ(vornsim({"up", r.path()}).exit_status, 0);
     EXPECT_NE(vornsim({"down", r.path()}).out.find("is down"), std::string::npos);
+    EXPECT_NE(r.read("/data/sim/last-status.txt").find("qmi 6 requests 0"), std::string::npos);
     EXPECT_NE(vornsim({"down", r.path()}).out.find("was not up"), std::string::npos);
     EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
 
