@@ -1,8 +1,8 @@
 // The control socket as a client sees it: reply bytes, requests closed
 // without a reply, and bad input that must not stop the daemon.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
