@@ -6,6 +6,7 @@
 // logger devices.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -25,6 +26,11 @@ const char kNodes[] =
     "  <AdbMain logname=\"AdbMain\" enable=\"1\" logtype=\"2\" size=\"1048576\" "
     "log_provider=\"main;system\" log_filepath=\"Adb/main\"/>\n"
     "</vornconf>\n";
+
+unsigned mode_of(const std::string &path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
 
 off_t size_of(const std::string &path) {
     struct stat st {};
@@ -59,6 +65,14 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     ASSERT_EQ(etr.size(), 1u);
     EXPECT_EQ(read_file(etf[0]), trace_bytes(65536));
     EXPECT_EQ(size_of(etr[0]), 1048576);
+    EXPECT_EQ(mode_of(modem[0]), 0400u);
+
+    // A shared-memory dump is saved but wakes no sink dump.
+    r = d.vornsim({"crash", d.path(), "smem", "--size", "4096"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    ASSERT_TRUE(wait_until([&] { return d.files(dumps, "ramdump_smem-").size() == 1; }, 10000, 50));
+    usleep(1000 * 1000);  // time enough for a sink dump that must not come
+    EXPECT_EQ(d.files(dumps, "coresight-tmc-etf-").size(), 1u);
 
     // The external modem goes away and comes back: its folder is copied.
     ASSERT_EQ(d.vornsim({"uevent", d.path(), "remove"}).exit_status, 0);
@@ -85,6 +99,18 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     EXPECT_NE(notice.find("--ei result 1 --es para ZIP GPU /sdcard/logs//GPU/dump/dump_1.bin."),
               std::string::npos)
         << notice;
+
+    // Switched off, the GPU node lets a hang pass without a snapshot.
+    ASSERT_EQ(d.vornctl({"disable", "GPU"}).exit_status, 0);
+    ASSERT_TRUE(wait_until(
+        [&] {
+            return d.working_xml().find("<GPU logname=\"GPU\" enable=\"0\"") != std::string::npos;
+        },
+        10000, 50))
+        << d.working_xml();
+    ASSERT_EQ(d.vornsim({"gpu-hang", d.path()}).exit_status, 0);
+    usleep(1000 * 1000);
+    EXPECT_EQ(d.files("/sdcard/logs/GPU/dump", "dump_").size(), 1u);
 
     // Remote trace goes to the modem's QDSS service, which records it.
     ProcessResult agent = d.vornctl({"agent", "swt", "modem", "enable", "diag"});
