@@ -82,13 +82,16 @@ struct named_start {
     void *(*routine)(void *);
     void *arg;
     char name[16];
+    const char *rename_failure;  // logged as it stands when naming fails; null: the usual line
 };
 
 void *run_named(void *p) {
     std::unique_ptr<named_start> start(static_cast<named_start *>(p));
     if (start->name[0] != '\0') {
         int rc = pthread_setname_np(pthread_self(), start->name);
-        if (rc != 0)
+        if (rc != 0 && start->rename_failure != nullptr)
+            VLOGE("%s", start->rename_failure);
+        else if (rc != 0)
             VLOGE("Failed to rename thread name(%s)", strerror(rc));
     }
     void *(*routine)(void *) = start->routine;
@@ -99,7 +102,7 @@ void *run_named(void *p) {
 
 // A named_start for pthread_create, or null when memory runs out.
 named_start *new_start(void *(*routine)(void *), void *arg, const char *prefix, const char *name) {
-    auto *start = new (std::nothrow) named_start{routine, arg, {}};
+    auto *start = new (std::nothrow) named_start{routine, arg, {}, nullptr};
     if (start != nullptr)
         make_thread_name(start->name, prefix, name != nullptr ? name : "");
     return start;
@@ -154,4 +157,17 @@ int start_detached_thread(void *(*routine)(void *), void *arg, const char *name)
     }
     pthread_attr_destroy(&attr);
     return ret;
+}
+
+int vorn_create_named_thread(const pthread_attr_t *attr, void *(*routine)(void *), void *arg,
+                             const char *name, const char *rename_failure) {
+    named_start *start = new_start(routine, arg, "", name);
+    if (start == nullptr)
+        return ENOMEM;
+    start->rename_failure = rename_failure;
+    pthread_t tid;
+    int rc = pthread_create(&tid, attr, run_named, start);
+    if (rc != 0)
+        delete start;
+    return rc;
 }

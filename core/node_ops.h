@@ -3,6 +3,8 @@
 // thread creation and the lookup by name.
 #pragma once
 
+#include <pthread.h>
+
 #include "core/node.h"
 
 // Init ops. Each returns 0 when the node may be kept, -1 otherwise.
@@ -23,3 +25,9 @@ void vorn_node_create_work_thread(vorn_node *node);
 
 // Creates a detached thread and names it; 0 or -1.
 int start_detached_thread(void *(*routine)(void *), void *arg, const char *name);
+
+// Creates a thread with attr that names itself name (cut to 15 characters)
+// before it runs routine; when the naming fails it logs rename_failure as it
+// stands (null: a line with the error). Returns pthread_create's result.
+int vorn_create_named_thread(const pthread_attr_t *attr, void *(*routine)(void *), void *arg,
+                             const char *name, const char *rename_failure);
