@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 #define DAGT_MAX_PARAMS 20
 #define DAGT_TEXT_LEN 256
@@ -91,6 +92,12 @@ extern const dagt_subcmd dagt_cmd_table[12];
 
 // Clears dagt_cmd at start-up; 0 on success.
 int dagt_cmd_init();
+
+// Agent lines run one at a time: the command record, the summary and the QMI
+// connections are shared by the socket's agent requests and the QDSS threads.
+// dagt_execute takes this lock itself; hold it across lines that belong
+// together (a mask file and the QMI release after it, a reset).
+std::unique_lock<std::recursive_mutex> dagt_serialize();
 
 // Tokenises line in place and runs it; result may be null. Returns 0, 1 for a
 // comment, 100 (too many tokens), 102 (no token), 104 (unknown command) or the

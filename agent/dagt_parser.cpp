@@ -10,7 +10,7 @@
 #include "platform/log.h"
 
 dagt_cmd_t dagt_cmd;
-// Rebuilt for every dispatched command; callers never overlap.
+// Rebuilt for every dispatched command, under dagt_serialize.
 char dagt_summary[DAGT_SUMMARY_LEN];
 
 const dagt_subcmd dagt_cmd_table[12] = {
@@ -70,10 +70,16 @@ int dagt_cmd_init() {
     return 0;
 }
 
+std::unique_lock<std::recursive_mutex> dagt_serialize() {
+    static std::recursive_mutex agent_mutex;
+    return std::unique_lock<std::recursive_mutex>(agent_mutex);
+}
+
 uint32_t dagt_execute(char *line, dagt_result *result) {
     if (line == nullptr || line[0] == '#' || strncmp(line, "//", 2) == 0)
         return DAGT_COMMENT;
 
+    auto serialized = dagt_serialize();
     free_tokens(&dagt_cmd);
 
     char *save = nullptr;
