@@ -3,34 +3,25 @@
 #include "platform/log.h"
 #include "qdss/qdss.h"
 
-qdss_state qdss = {.filled_head = nullptr,
-                   .filled_tail = &qdss.filled_head,
-                   .free_head = nullptr,
-                   .free_tail = &qdss.free_head,
-                   .max_pages = 0,
-                   .filled_count = 0,
-                   .free_count = 0,
-                   .last_filled_count = 0,
-                   .save_mutex = PTHREAD_MUTEX_INITIALIZER,
-                   .save_cond = PTHREAD_COND_INITIALIZER,
-                   .capture_mutex = PTHREAD_MUTEX_INITIALIZER,
-                   .capture_cond = PTHREAD_COND_INITIALIZER,
-                   .qdss_active = 0,
-                   .qdss_fd = -1};
+qdss_state qdss;
+
+void qdss_state_init(qdss_state *s) {
+    long page = sysconf(_SC_PAGESIZE);
+    s->page_size = page > 0 ? static_cast<size_t>(page) : 4096;
+    s->max_pages = page > 0 ? static_cast<uint32_t>(QDSS_POOL_BYTES / page) : 2560;
+    VLOGD("pagesize = %d, max pages = %d", static_cast<int>(page), static_cast<int>(s->max_pages));
+    s->filled_list.reset();
+    s->free_list.reset();
+    s->filled_count = 0;
+    s->free_count = 0;
+    s->last_filled_count = 0;
+    s->qdss_active = 0;
+    s->qdss_fd = -1;
+    s->blocks_allocated = 0;
+    s->peak_filled = 0;
+}
 
 int qdss_buffers_init() {
-    long page = sysconf(_SC_PAGESIZE);
-    qdss.max_pages = page > 0 ? static_cast<uint32_t>(QDSS_POOL_BYTES / page) : 2560;
-    VLOGD("pagesize = %d, max pages = %d", static_cast<int>(page),
-          static_cast<int>(qdss.max_pages));
-    qdss.filled_head = nullptr;
-    qdss.filled_tail = &qdss.filled_head;
-    qdss.free_head = nullptr;
-    qdss.free_tail = &qdss.free_head;
-    qdss.filled_count = 0;
-    qdss.free_count = 0;
-    qdss.last_filled_count = 0;
-    qdss.qdss_active = 0;
-    qdss.qdss_fd = -1;
+    qdss_state_init(&qdss);
     return 0;
 }
