@@ -3,28 +3,35 @@
 #include <cstring>
 
 namespace {
-std::string g_root;
+// Never destroyed: detached threads may still resolve paths while the
+// process exits.
+std::string &root_dir() {
+    static auto *root = new std::string;
+    return *root;
 }
+}  // namespace
 
 void vorn_set_root(const char *dir) {
-    g_root = dir ? dir : "";
-    while (g_root.size() > 1 && g_root.back() == '/')
-        g_root.pop_back();
-    if (g_root == "/")
-        g_root.clear();
+    std::string &root = root_dir();
+    root = dir ? dir : "";
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    if (root == "/")
+        root.clear();
 }
 
 const char *vorn_root() {
-    return g_root.c_str();
+    return root_dir().c_str();
 }
 
 std::string vorn_path(std::string_view device_path) {
-    if (g_root.empty() || device_path.empty() || device_path.front() != '/') {
+    const std::string &root = root_dir();
+    if (root.empty() || device_path.empty() || device_path.front() != '/') {
         return std::string(device_path);
     }
     std::string out;
-    out.reserve(g_root.size() + device_path.size());
-    out.append(g_root).append(device_path);
+    out.reserve(root.size() + device_path.size());
+    out.append(root).append(device_path);
     return out;
 }
 

@@ -46,6 +46,7 @@ struct qdss_state {
     // Figures for the tests and the benchmark.
     std::atomic<uint32_t> blocks_allocated{0};
     std::atomic<uint32_t> peak_filled{0};
+    std::atomic<uint64_t> bytes_saved{0};
 };
 
 // The daemon's one pipeline.

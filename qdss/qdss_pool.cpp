@@ -19,6 +19,7 @@ void qdss_state_init(qdss_state *s) {
     s->qdss_fd = -1;
     s->blocks_allocated = 0;
     s->peak_filled = 0;
+    s->bytes_saved = 0;
 }
 
 int qdss_buffers_init() {

@@ -63,8 +63,10 @@ class qdss_writer {
         memcpy(old_path, path_, sizeof old_path);
         int rc = write_log_data(reinterpret_cast<const char *>(block_->data()), len, &file_, path_,
                                 node_);
-        if (rc == len && fflush(file_.fp) == 0)
+        if (rc == len && fflush(file_.fp) == 0) {
+            s_->bytes_saved.fetch_add(static_cast<uint64_t>(len), std::memory_order_relaxed);
             return true;
+        }
 
         VLOGE("QDSS(W) : Failed to write out to log file\n");
         bool rolled_over = strcmp(old_path, path_) != 0;

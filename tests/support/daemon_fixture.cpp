@@ -32,6 +32,11 @@ DaemonFixture::DaemonFixture() : stderr_path_(at("/host/vornd.stderr")) {
 
 DaemonFixture::~DaemonFixture() {
     stop();
+    // A sanitizer report of the instrumented daemon fails the test that ran it.
+    std::string all = log();
+    size_t report = all.find("Sanitizer:");
+    if (report != std::string::npos)
+        ADD_FAILURE() << "vornd reported:\n" << all.substr(all.rfind('\n', report) + 1, 4000);
     if (::testing::Test::HasFailure()) {
         std::string text = log();
         printf("---- end of vornd's log\n%s----\n",
