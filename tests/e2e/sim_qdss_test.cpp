@@ -3,6 +3,7 @@
 // of the mask file and a reopen, not the capture or the current file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -74,7 +75,20 @@ TEST(SimQdssTest, TraceStreamsIntoRotatedFilesAndSurvivesAnOverflow) {
         }
     }
     EXPECT_EQ(d.log().find("Failed to write out to log file"), std::string::npos) << d.log(mark);
-    ASSERT_EQ(d.vornsim({"trace", d.path(), "--rate", "0"}).exit_status, 0);
+    // vornctl shows the node like any other.
+    EXPECT_NE(d.vornctl({"status"}).out.find("QDSS"), std::string::npos);
+
+    // The trace device goes away mid-stream: the reader gives up on it and
+    // waits for the next command, without reading on in a loop; the daemon
+    // serves on.
+    mark = d.log_mark();
+    ASSERT_EQ(d.vornsim({"down", d.path()}).exit_status, 0);
+    ASSERT_FALSE(d.wait_for_log("Failed to read from dev node", 10000, mark).empty())
+        << d.log(mark);
+    usleep(1500 * 1000);
+    EXPECT_LE(d.log_lines("Failed to read from dev node", mark).size(), 2u) << d.log(mark);
+    EXPECT_TRUE(d.alive());
+    EXPECT_EQ(d.vornctl({"query", "QDSS"}).exit_status, 0);
 }
 
 }  // namespace
