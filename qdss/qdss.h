@@ -52,8 +52,9 @@ struct qdss_state {
 // The daemon's one pipeline.
 extern qdss_state qdss;
 
-// Sets up the pool once at start-up: logs the page size and max pages,
-// empties both lists, zeroes the counts, capture off, no descriptor. 0.
+// Sets up the daemon's pool, once, whoever calls first (start-up, or the
+// QDSS node's work thread): logs the page size and max pages, empties both
+// lists, zeroes the counts, capture off, no descriptor. 0.
 int qdss_buffers_init();
 // The same on any state (the tests' own pipelines).
 void qdss_state_init(qdss_state *s);

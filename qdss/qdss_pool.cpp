@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <mutex>
+
 #include "platform/log.h"
 #include "qdss/qdss.h"
 
@@ -23,6 +25,10 @@ void qdss_state_init(qdss_state *s) {
 }
 
 int qdss_buffers_init() {
-    qdss_state_init(&qdss);
+    // Once: a QDSS node enabled in the configuration starts its threads
+    // (which set the pool up first) before start-up gets here, and the
+    // lists must not be emptied under them.
+    static std::once_flag once;
+    std::call_once(once, [] { qdss_state_init(&qdss); });
     return 0;
 }

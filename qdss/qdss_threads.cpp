@@ -82,6 +82,7 @@ int qdss_start_pipeline(qdss_state *s, vorn_node *node) {
 void *qdss_start_threads(void *node) {
     if (node == nullptr)
         return reinterpret_cast<void *>(-1L);
+    qdss_buffers_init();
     int rc = qdss_start_pipeline(&qdss, static_cast<vorn_node *>(node));
     return reinterpret_cast<void *>(static_cast<long>(rc));
 }
