@@ -34,13 +34,13 @@ void usage(FILE *out) {
             "serves requests on the control socket /dev/socket/vornd (see vornctl).\n"
             "\n"
             "Options:\n"
-            "  --root DIR   resolve every absolute device path under DIR (a simulated\n"
-            "               device root on a Linux host); logs go to stderr\n"
-            "  --log-level P  on a host, the lowest priority printed on stderr: V (verbose),\n"
-            "               D (debug), I (info), W (warning) or E (error); default V, every\n"
-            "               message\n"
-            "  --help       print this help and exit\n"
-            "  --version    print the version and exit\n");
+            "  --root DIR       resolve every absolute device path under DIR (a simulated\n"
+            "                   device root on a Linux host); logs go to stderr\n"
+            "  --log-level P    on a host, the lowest priority printed on stderr: V\n"
+            "                   (verbose), D (debug), I (info), W (warning) or E (error);\n"
+            "                   default V, every message\n"
+            "  --help           print this help and exit\n"
+            "  --version        print the version and exit\n");
 }
 
 // Returns -1 to go on, or the exit status.
