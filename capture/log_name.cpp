@@ -84,5 +84,5 @@ bool vorn_log_name_parse(std::string_view name, std::string_view prefix, vorn_lo
 }
 
 bool vorn_log_name_before(const vorn_log_name &a, const vorn_log_name &b) {
-    return std::tie(a.opened, a.sequence, a.rolled) < std::tie(b.opened, b.sequence, b.rolled);
+    return std::tie(a.opened, a.sequence) < std::tie(b.opened, b.sequence);
 }

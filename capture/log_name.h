@@ -38,5 +38,6 @@ struct vorn_log_name {
 // else).
 bool vorn_log_name_parse(std::string_view name, std::string_view prefix, vorn_log_name *out);
 
-// True when a was opened before b (both parsed from names of one node).
+// True when a was opened before b (both parsed from names of one node); a
+// file renamed by its roll-over stays the same file.
 bool vorn_log_name_before(const vorn_log_name &a, const vorn_log_name &b);

@@ -76,7 +76,9 @@ TEST_F(VornctlTest, NodeAndGlobalCommands) {
     EXPECT_EQ(ctl({"status"}, 0).out,
               "SLOT NAME            ENABLED LEVEL SIZE       MASK\n"
               "1    Alpha           0       3     2048       m2\n"
+              "     off: no log files yet (budget 2.0 KiB)\n"
               "2    Beta            0       2     4096       \n"
+              "     off: no log files yet (budget 4.0 KiB)\n"
               "-    Gone            -       -     -          -\n");
 
     std::string agent = ctl({"agent", "stm", "get", "state"}, 0).out;
