@@ -173,6 +173,10 @@ int cmd_archive(const ctl_options &o) {
         ctl_host_path(o, ctl_clean_path(archive_file_name(device_upload, stamp.c_str())));
     std::string expected_name = expected.substr(expected.rfind('/') + 1);
     auto before = zip_files(upload);
+    // On a terminal the archive's size grows against the directory's size,
+    // taken before the daemon zips it (and may remove it).
+    bool progress = o.wait && !o.json && isatty(STDOUT_FILENO);
+    uint64_t source = progress ? tree_size(ctl_host_path(o, ctl_clean_path(dir))) : 0;
 
     vorn_ctrl_msg m;
     vorn_msg_init(&m, VORN_MSG_ARCHIVE);
@@ -194,9 +198,6 @@ int cmd_archive(const ctl_options &o) {
     // that one counts: other archives may be finishing at the same time.
     int wait = o.timeout_sec > 0 ? o.timeout_sec : kArchiveWaitSec;
     long long deadline = ctl_now_ms() + wait * 1000LL;
-    // On a terminal the archive's size grows against the directory's size.
-    bool progress = !o.json && isatty(STDOUT_FILENO);
-    uint64_t source = progress ? tree_size(ctl_host_path(o, ctl_clean_path(dir))) : 0;
     long long written = 0;
     for (;;) {
         if (progress)
