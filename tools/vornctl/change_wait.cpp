@@ -38,17 +38,16 @@ int change_watch::prepare() {
     std::vector<node_file> files = ctl_scan_files(place_);
     for (const node_file &f : files)
         before_names_.insert(f.name);
-    before_open_ = open_names(files);
+    before_open_ = open_names(files, ctl_open_files(global_.daemon_pid));
     return CTL_OK;
 }
 
-std::vector<std::string> change_watch::open_names(const std::vector<node_file> &files) const {
+std::vector<std::string> change_watch::open_names(const std::vector<node_file> &files,
+                                                  const std::optional<open_set> &open) const {
     std::vector<std::string> names;
-    if (std::optional<open_set> open = ctl_open_files(global_.daemon_pid)) {
-        for (const node_file &f : files) {
-            if (open->count({f.dev, f.ino}))
-                names.push_back(place_.rel(f.name));
-        }
+    for (const node_file &f : files) {
+        if (open && open->count({f.dev, f.ino}))
+            names.push_back(place_.rel(f.name));
     }
     return names;
 }
@@ -67,7 +66,7 @@ void change_watch::look(seen *s) const {
         s->created = cur;
     std::optional<open_set> open = ctl_open_files(global_.daemon_pid);
     s->open_known = open.has_value();
-    s->open = open_names(s->files);
+    s->open = open_names(s->files, open);
 }
 
 bool change_watch::done(const seen &s) const {

@@ -40,7 +40,9 @@ class change_watch {
     bool done(const seen &s) const;
     int report(const seen &s, double seconds) const;
     int fail(const seen &s, int waited) const;
-    std::vector<std::string> open_names(const std::vector<node_file> &files) const;
+    // The files of the node that the daemon holds open, relative to the log root.
+    std::vector<std::string> open_names(const std::vector<node_file> &files,
+                                        const std::optional<open_set> &open) const;
 
     const ctl_options &o_;
     ctl_node_view before_;
