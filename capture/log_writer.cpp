@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/log_name.h"
 #include "core/gbl_config.h"
 #include "core/shell.h"
 #include "platform/io.h"
@@ -32,16 +32,6 @@ void append_bounded(char *dst, size_t cap, const char *src) {
     size_t n = strnlen(src, cap - used - 1);
     memcpy(dst + used, src, n);
     dst[used + n] = '\0';
-}
-
-// "." and the local time, e.g. ".2024_05_01-13_02_03".
-void time_suffix(char *out, size_t len) {
-    time_t now = time(nullptr);
-    struct tm tm;
-    localtime_r(&now, &tm);
-    out[0] = '.';
-    if (strftime(out + 1, len - 1, VORN_TIME_FORMAT, &tm) == 0)
-        out[1] = '\0';
 }
 
 // The log root as gbl_config holds it (not always terminated within the field).
@@ -104,12 +94,7 @@ int next_sequence(const char *base) {
     while (struct dirent *e = readdir(d.get())) {
         if (strncmp(e->d_name, name, name_len) != 0)
             continue;
-        const char *rest = e->d_name + name_len;
-        int used = -1;
-        if (*rest == '\0' || *rest == '.')
-            used = 0;
-        else if (*rest == '_' && isdigit(static_cast<unsigned char>(rest[1])))
-            used = atoi(rest + 1);
+        int used = vorn_log_name_sequence(e->d_name + name_len);
         if (used >= next)
             next = used + 1;
     }
@@ -127,7 +112,7 @@ FILE *open_new_name(char *path) {
     std::string base(path, base_len);
     for (int seq = next_sequence(path), tries = 0; tries < 100; seq++, tries++) {
         if (seq > 0)
-            snprintf(path, VORN_PATH_MAX, "%s_%04d", base.c_str(), seq);
+            snprintf(path, VORN_PATH_MAX, "%s", vorn_log_sequence_name(base, seq).c_str());
         // Close-on-exec: provider commands must not inherit the daemon's files.
         int fd =
             open(vorn_path(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0666);
@@ -189,7 +174,7 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     file->resume[0] = '\0';
 
     char suffix[32];
-    time_suffix(suffix, sizeof suffix);
+    vorn_log_time_suffix(suffix, sizeof suffix);
     append_bounded(path, VORN_PATH_MAX, suffix);
     file->fp = open_new_name(path);
     if (file->fp == nullptr) {
@@ -242,7 +227,7 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
     char old_path[VORN_PATH_MAX];
     snprintf(old_path, sizeof old_path, "%s", path);
     char suffix[32];
-    time_suffix(suffix, sizeof suffix);
+    vorn_log_time_suffix(suffix, sizeof suffix);
     std::string moved = std::string(old_path) + suffix;
     rename(vorn_path(old_path).c_str(), vorn_path(moved).c_str());
     snprintf(path, VORN_PATH_MAX, "%s", next_path);

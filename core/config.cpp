@@ -303,21 +303,39 @@ void vorn_config_set_attr(xmlNodePtr el, const char *name, const char *value) {
 
 std::vector<std::string> vorn_config_node_names(const char *path) {
     std::vector<std::string> names;
+    for (vorn_config_row &row : vorn_config_rows(path))
+        names.push_back(std::move(row.logname));
+    return names;
+}
+
+std::vector<vorn_config_row> vorn_config_rows(const char *path) {
+    std::vector<vorn_config_row> rows;
     xmlDocPtr d = xmlReadFile(vorn_path(path).c_str(), "UTF-8",
                               XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
                                   XML_PARSE_NOWARNING | XML_PARSE_NONET);
     if (d == nullptr)
-        return names;
+        return rows;
     xmlNodePtr root = xmlDocGetRootElement(d);
     xmlNodePtr global = root ? xmlFirstElementChild(root) : nullptr;
+    int slot = 1;
     for (xmlNodePtr el = global ? xmlNextElementSibling(global) : nullptr; el != nullptr;
-         el = xmlNextElementSibling(el)) {
-        char name[VORN_LOGNAME_LEN] = "";
-        get_text_attr(el, global, "logname", name, sizeof name);
-        names.emplace_back(name);
+         el = xmlNextElementSibling(el), slot++) {
+        // The daemon's own reader, so that fallbacks and cuts are the same.
+        vorn_node node{};
+        vorn_config_fill_node(&node, slot, el, global);
+        vorn_config_row row;
+        row.logname.assign(node.logname, strnlen(node.logname, sizeof node.logname));
+        row.log_filepath = node.log_filepath ? node.log_filepath : "";
+        row.log_provider = node.log_provider ? node.log_provider : "";
+        row.logtype = node.logtype;
+        rows.push_back(std::move(row));
+        free(node.log_filepath);
+        free(node.log_provider);
+        free(node.mask_link);
+        pthread_mutex_destroy(&node.lock);
     }
     xmlFreeDoc(d);
-    return names;
+    return rows;
 }
 
 void vorn_config_remove_stale_temps() {

@@ -63,6 +63,18 @@ int vorn_config_save();
 // Quiet: for clients that show the daemon's nodes.
 std::vector<std::string> vorn_config_node_names(const char *path);
 
+// A declared node as the daemon reads it (the global element filling in what
+// the node's element lacks): what a client needs besides the daemon's replies
+// to find the node's files.
+struct vorn_config_row {
+    std::string logname;  // cut to 15 characters
+    std::string log_filepath;
+    std::string log_provider;
+    uint8_t logtype = 0;
+};
+// The rows of a configuration file, in order, quietly; empty when it cannot be read.
+std::vector<vorn_config_row> vorn_config_rows(const char *path);
+
 // Removes temporary files of saves that a killed daemon left beside the
 // working copy (start-up, before anything saves).
 void vorn_config_remove_stale_temps();

@@ -27,21 +27,24 @@ constexpr gid_t kDiagGroup = 3009;  // Android's diagnostic group
 
 void usage(FILE *out) {
     fprintf(out,
-            "Usage: vornd [--root DIR]\n"
+            "Usage: vornd [--root DIR] [--log-level V|D|I|W|E]\n"
             "\n"
             "Collects debug logs: reads its log nodes from /data/vorn-conf.xml (or the\n"
             "system copy /etc/vorn-conf.xml), starts a worker for every enabled node and\n"
             "serves requests on the control socket /dev/socket/vornd (see vornctl).\n"
             "\n"
             "Options:\n"
-            "  --root DIR   resolve every absolute device path under DIR (a simulated\n"
-            "               device root on a Linux host); logs go to stderr\n"
-            "  --help       print this help and exit\n"
-            "  --version    print the version and exit\n");
+            "  --root DIR       resolve every absolute device path under DIR (a simulated\n"
+            "                   device root on a Linux host); logs go to stderr\n"
+            "  --log-level P    on a host, the lowest priority printed on stderr: V\n"
+            "                   (verbose), D (debug), I (info), W (warning) or E (error);\n"
+            "                   default V, every message\n"
+            "  --help           print this help and exit\n"
+            "  --version        print the version and exit\n");
 }
 
 // Returns -1 to go on, or the exit status.
-int parse_args(int argc, char **argv, const char **root) {
+int parse_args(int argc, char **argv, const char **root, int *log_level) {
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
@@ -60,6 +63,16 @@ int parse_args(int argc, char **argv, const char **root) {
             *root = a + 7;
             continue;
         }
+        bool level_next = strcmp(a, "--log-level") == 0;
+        if (level_next || strncmp(a, "--log-level=", 12) == 0) {
+            const char *v = level_next ? (i + 1 < argc ? argv[++i] : nullptr) : a + 12;
+            *log_level = vorn_log_priority_of(v);
+            if (*log_level >= 0)
+                continue;
+            fprintf(stderr, "vornd: --log-level takes V, D, I, W or E, not \"%s\"\n", v ? v : "");
+            usage(stderr);
+            return 2;
+        }
         fprintf(stderr, "vornd: %s: %s\n",
                 strcmp(a, "--root") == 0 || strcmp(a, "--root=") == 0 ? "missing directory after"
                                                                       : "unknown argument",
@@ -74,11 +87,12 @@ int parse_args(int argc, char **argv, const char **root) {
 
 int vornd_main(int argc, char **argv) {
     const char *root = nullptr;
-    int rc = parse_args(argc, argv, &root);
+    int log_level = ANDROID_LOG_VERBOSE;
+    int rc = parse_args(argc, argv, &root, &log_level);
     if (rc >= 0)
         return rc;
     vorn_set_root(root);
-    vorn_log_init();
+    vorn_log_init(log_level);
 
     if (geteuid() == 0) {
         gid_t groups[] = {kDiagGroup};

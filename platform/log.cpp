@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +36,9 @@ char priority_letter(int prio) {
             return '?';
     }
 }
+
+// Lines below this priority are not printed on stderr.
+std::atomic<int> g_stderr_min{ANDROID_LOG_VERBOSE};
 
 }  // namespace
 
@@ -145,6 +150,8 @@ int vorn_log_format_line(char *out, int out_len, int prio, const char *tag, cons
 }
 
 void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message) {
+    if (data->priority < g_stderr_min.load(std::memory_order_relaxed))
+        return;
     // A message may hold several lines (many texts end in "\n"); like logcat,
     // print each non-empty line with its own header.
     const char *p = message ? message : "";
@@ -161,7 +168,18 @@ void vorn_log_stderr_logger(const struct __android_logger_data *data, const char
     } while (p && *p);
 }
 
-void vorn_log_init() {
+int vorn_log_priority_of(const char *letter) {
+    if (letter == nullptr || letter[0] == '\0' || letter[1] != '\0')
+        return -1;
+    for (int prio = ANDROID_LOG_VERBOSE; prio <= ANDROID_LOG_ERROR; prio++) {
+        if (priority_letter(prio) == toupper(static_cast<unsigned char>(letter[0])))
+            return prio;
+    }
+    return -1;
+}
+
+void vorn_log_init(int min_priority) {
+    g_stderr_min.store(min_priority, std::memory_order_relaxed);
 #ifndef __ANDROID__
     __android_log_set_logger(vorn_log_stderr_logger);
 #endif

@@ -14,8 +14,12 @@
 #define VLOGE(...) VLOG(ANDROID_LOG_ERROR, __VA_ARGS__)
 
 // Installs the process logger. On Android liblog's own logd logger stays; on a
-// host every priority, debug included, is printed on stderr. Idempotent.
-void vorn_log_init();
+// host every priority from min_priority up (by default all, debug included) is
+// printed on stderr. Idempotent.
+void vorn_log_init(int min_priority = ANDROID_LOG_VERBOSE);
+
+// The priority of a logcat letter (V, D, I, W or E; either case), or -1.
+int vorn_log_priority_of(const char *letter);
 
 // The host logger itself, exposed so that a test can restore it after
 // installing a capturing logger of its own.

@@ -12,6 +12,7 @@ packages=(
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 zip unzip procps util-linux
+  help2man
 )
 
 missing=()

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "capture/log_name.h"
 #include "capture/log_writer.h"
 #include "core/gbl_config.h"
 #include "platform/root.h"
@@ -139,6 +140,18 @@ TEST_F(LogWriterTest, RollOversInOneSecondKeepEveryFile) {
         // the plain name of this second, the third "_0001" after it.
         EXPECT_EQ(time_suffixes(names[1], "often"), 2);
         EXPECT_EQ(names[2].substr(names[1].size() - 20, 5), "_0001") << names[2];
+        // Readers of the directory see the writer's names: four rolled over,
+        // in the order they were opened, and the current one last.
+        vorn_log_name prev, cur;
+        for (size_t i = 0; i < names.size(); i++) {
+            ASSERT_TRUE(vorn_log_name_parse(names[i], "often", &cur)) << names[i];
+            EXPECT_EQ(cur.rolled.empty(), i == 4) << names[i];
+            if (i > 0) {
+                EXPECT_TRUE(vorn_log_name_before(prev, cur)) << names[i];
+            }
+            prev = cur;
+        }
+        EXPECT_EQ(cur.sequence, 3);
         // The pruning keeps the newest: the first file goes.
         EXPECT_EQ(
             rotate_log_files((gbl_config.log_path + std::string("/Often")).c_str(), "often", 4), 5);
@@ -232,6 +245,25 @@ TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     EXPECT_EQ(names.front(), "full.2001_01_01-00_00_00");
     EXPECT_EQ(names.back(), "full.2002_01_01-00_00_04");
     EXPECT_EQ(names[8], "full.2001_01_01-00_00_08");
+}
+
+TEST(LogName, ParsesOnlyTheNodesOwnNames) {
+    vorn_log_name n;
+    ASSERT_TRUE(vorn_log_name_parse("dmesg.2024_05_01-13_02_03", "dmesg", &n));
+    EXPECT_EQ(n.opened, "2024_05_01-13_02_03");
+    EXPECT_EQ(n.sequence, 0);
+    EXPECT_EQ(n.rolled, "");
+    ASSERT_TRUE(
+        vorn_log_name_parse("dmesg.2024_05_01-13_02_03_0012.2024_05_01-13_02_04", "dmesg", &n));
+    EXPECT_EQ(n.sequence, 12);
+    EXPECT_EQ(n.rolled, "2024_05_01-13_02_04");
+    for (const char *other :
+         {"dmesg2.2024_05_01-13_02_03", "dmesg.2024_05_01-13_02_3", "dmesg.2024_05_01-13_02_03_",
+          "dmesg.2024_05_01-13_02_03.x", "dmesg.2024_05_01-13_02_03.2024_05_01-13_02_04.tmp",
+          "dmesg", "dmesg.", "kernel.2024_05_01-13_02_03"})
+        EXPECT_FALSE(vorn_log_name_parse(other, "dmesg", &n)) << other;
+    EXPECT_EQ(vorn_log_sequence_name("a.b", 0), "a.b");
+    EXPECT_EQ(vorn_log_sequence_name("a.b", 7), "a.b_0007");
 }
 
 }  // namespace

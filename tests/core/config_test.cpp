@@ -158,6 +158,15 @@ TEST_F(ConfigTest, NodeFieldEffects) {
     EXPECT_EQ(c.enable, 0) << "atoi of a non-number";
     EXPECT_EQ(c.size, 12);
     EXPECT_STREQ(c.log_provider, "cat");
+
+    // Clients read the same rows from the file, without a node table.
+    std::vector<vorn_config_row> rows = vorn_config_rows(VORN_WORK_CONF);
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[0].logname, longname.substr(0, 15));
+    EXPECT_EQ(rows[0].logtype, 0x80);
+    EXPECT_EQ(rows[2].log_filepath, "c/c");
+    EXPECT_EQ(rows[2].log_provider, "cat");
+    EXPECT_TRUE(vorn_config_rows("/data/none.xml").empty());
 }
 
 TEST_F(ConfigTest, BadInputTakesTheSpecifiedPaths) {

@@ -19,11 +19,32 @@ TEST(StartupTest, HelpVersionAndUsageErrors) {
     ProcessResult version = run_process({vornd, "--version"}, 5000);
     EXPECT_EQ(version.exit_status, 0);
     EXPECT_EQ(version.out.rfind("vornd ", 0), 0u);
-    for (const char *bad : {"--bogus", "--root", "extra"}) {
-        ProcessResult r = run_process({vornd, bad}, 5000);
+    for (std::string bad : {"--bogus", "--root", "extra", "--log-level", "--log-level X",
+                            "--log-level=F", "--log-level DE"}) {
+        std::vector<std::string> argv = {vornd};
+        std::istringstream words(bad);
+        for (std::string w; words >> w;)
+            argv.push_back(w);
+        ProcessResult r = run_process(argv, 5000);
         EXPECT_EQ(r.exit_status, 2) << bad;
         EXPECT_NE(r.err.find("Usage: vornd"), std::string::npos) << bad;
     }
+}
+
+TEST(StartupTest, LogLevelKeepsLowerPrioritiesOffStderr) {
+    DaemonFixture d;
+    d.write_config(make_conf("1", "", pipe_node("Dmesg")));
+    ASSERT_TRUE(d.start(10000, {"--log-level", "w"})) << d.log();
+    d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Nope"));
+    EXPECT_FALSE(d.wait_for_log(" E vornd   : Can't find valid index for logname (Nope)").empty());
+    EXPECT_EQ(d.log().find(" D vornd"), std::string::npos) << d.log();
+    EXPECT_EQ(d.log().find(" I vornd"), std::string::npos) << d.log();
+    d.stop();
+    // The default prints every priority.
+    size_t mark = d.log_mark();
+    ASSERT_TRUE(d.start(10000, {"--log-level=V"})) << d.log();
+    EXPECT_FALSE(d.wait_for_log(" I vornd   : Total 2 vornd nodes", 1000, mark).empty());
+    EXPECT_FALSE(d.wait_for_log(" D vornd   : After listen", 1000, mark).empty());
 }
 
 TEST(StartupTest, MissingSystemConfigurationExitsWith255) {

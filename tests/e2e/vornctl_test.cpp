@@ -76,7 +76,9 @@ TEST_F(VornctlTest, NodeAndGlobalCommands) {
     EXPECT_EQ(ctl({"status"}, 0).out,
               "SLOT NAME            ENABLED LEVEL SIZE       MASK\n"
               "1    Alpha           0       3     2048       m2\n"
+              "     off: no log files yet (budget 2.0 KiB)\n"
               "2    Beta            0       2     4096       \n"
+              "     off: no log files yet (budget 4.0 KiB)\n"
               "-    Gone            -       -     -          -\n");
 
     std::string agent = ctl({"agent", "stm", "get", "state"}, 0).out;
@@ -140,6 +142,59 @@ TEST_F(VornctlTest, ArchiveAndItsBroadcast) {
     sent = wait_broadcasts(6);
     ASSERT_EQ(sent.size(), 6u);
     EXPECT_EQ(sent[5], "broadcast -a action.kymbal.from_vornd --ei result -3 --es para UPLOAD");
+
+    // On a terminal (script gives it one) the archive's size grows against
+    // the directory's; piped, as above, only the result line is printed.
+    d.write("/sdcard/logs/crash3/description_2018_05_06.txt", "why\n");
+    d.write("/sdcard/logs/crash3/ramdump.bin", std::string(50000, 'r'));
+    std::string cmd = build_binary("vornctl") + " --root " + d.path() +
+                      " archive --wait Crash /sdcard/logs/crash3";
+    r = run_process({"/usr/bin/script", "-qec", cmd, "/dev/null"}, 30000);
+    EXPECT_EQ(r.exit_status, 0) << r.out;
+    EXPECT_NE(r.out.find("\rarchiving /sdcard/logs/crash3: 0 B of 49 KiB\033[K"), std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("\r\033[K" + upload + "/log_2018_05_06.txt.zip: "), std::string::npos)
+        << r.out;
+}
+
+// The manual pages are made from the programs' --help: every command and
+// option listed there has its entry in the page.
+TEST(ManualPages, HoldEveryCommandAndOptionOfTheHelp) {
+    const std::pair<const char *, const char *> pages[] = {{"vornctl", "share/man/man1/vornctl.1"},
+                                                           {"vornd", "share/man/man8/vornd.8"}};
+    for (const auto &[program, page] : pages) {
+        std::string roff = read_file(build_binary(page));
+        if (roff.empty())
+            GTEST_SKIP() << "no " << page
+                         << ": help2man was not found when the build was configured";
+        // Plain text: roff's "\-" is a dash, and font changes go.
+        std::string text;
+        for (size_t i = 0; i < roff.size(); i++) {
+            if (roff.compare(i, 2, "\\-") == 0) {
+                text += '-';
+                i++;
+            } else if (roff.compare(i, 2, "\\f") == 0) {
+                i += 2;
+            } else if (roff.compare(i, 2, "\\/") == 0 || roff.compare(i, 2, "\\,") == 0) {
+                i++;
+            } else {
+                text += roff[i];
+            }
+        }
+        ProcessResult help = run_process({build_binary(program), "--help"}, 5000);
+        ASSERT_EQ(help.exit_status, 0);
+        int entries = 0;
+        std::istringstream in(help.out);
+        for (std::string line; std::getline(in, line);) {
+            // An entry: two blanks, then the command or option itself.
+            if (line.size() < 3 || line.compare(0, 2, "  ") != 0 || line[2] == ' ')
+                continue;
+            std::string word = line.substr(2, line.find(' ', 2) - 2);
+            EXPECT_NE(text.find(".TP\n" + word), std::string::npos) << program << ": " << word;
+            entries++;
+        }
+        EXPECT_GE(entries, std::string(program) == "vornctl" ? 18 : 4) << help.out;
+    }
 }
 
 }  // namespace

@@ -56,10 +56,16 @@ std::vector<std::string> DaemonFixture::broadcasts() const {
     return out;
 }
 
-bool DaemonFixture::start(int timeout_ms) {
+bool DaemonFixture::start(int timeout_ms, const std::vector<std::string> &args) {
     size_t mark = log_mark();
     std::string vornd = build_binary("vornd");
     std::string path_var = at("/host/bin") + ":" + getenv("PATH");
+    std::vector<std::string> words = {vornd, "--root", path()};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (std::string &w : words)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
         // Its own process group, so that stop() also ends the commands its
@@ -72,7 +78,7 @@ bool DaemonFixture::start(int timeout_ms) {
         dup2(null, 1);
         dup2(err, 2);
         setenv("PATH", path_var.c_str(), 1);
-        execl(vornd.c_str(), vornd.c_str(), "--root", path().c_str(), nullptr);
+        execv(vornd.c_str(), argv.data());
         _exit(127);
     }
     setpgid(pid_, pid_);  // also here, so that stop() works whichever runs first
@@ -80,6 +86,13 @@ bool DaemonFixture::start(int timeout_ms) {
     for (int waited = 0; waited < timeout_ms && alive(); waited += 10) {
         if (log(mark).find("After listen") != std::string::npos)
             return true;
+        if (!args.empty()) {
+            int fd = connect_socket();
+            if (fd >= 0) {
+                close(fd);
+                return true;
+            }
+        }
         usleep(10000);
     }
     return false;

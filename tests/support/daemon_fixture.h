@@ -51,9 +51,11 @@ class DaemonFixture : public TempRoot {
     void set_am_exit_status(int status) const;
     std::vector<std::string> broadcasts() const;
 
-    // Starts vornd --root <root> and waits until it listens. False when it
-    // exited or did not listen in time.
-    bool start(int timeout_ms = 10000);
+    // Starts vornd --root <root> and any further args, and waits until it
+    // listens: its "After listen" line, or a connection it accepts when args
+    // keep debug lines off its log. False when it exited or did not listen in
+    // time.
+    bool start(int timeout_ms = 10000, const std::vector<std::string> &args = {});
     bool alive();
     // Kills the daemon and every process it started.
     void stop();

@@ -8,15 +8,56 @@
 namespace {
 // Output goes to memory files, so that children left behind holding them
 // never delay the result.
-std::string contents(int fd) {
+std::string read_all(int fd) {
     std::string s;
     char buf[4096];
     for (ssize_t n; (n = pread(fd, buf, sizeof buf, static_cast<off_t>(s.size()))) > 0;)
         s.append(buf, static_cast<size_t>(n));
+    return s;
+}
+
+std::string contents(int fd) {
+    std::string s = read_all(fd);
     close(fd);
     return s;
 }
 }  // namespace
+
+BackgroundProcess::BackgroundProcess(const std::vector<std::string> &argv) {
+    out_ = memfd_create("out", MFD_CLOEXEC);
+    std::vector<char *> args;
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(out_, 1);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+}
+
+std::string BackgroundProcess::out() const {
+    return read_all(out_);
+}
+
+int BackgroundProcess::stop() {
+    if (pid_ > 0) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+        }
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        pid_ = -1;
+    }
+    return status_;
+}
+
+BackgroundProcess::~BackgroundProcess() {
+    stop();
+    close(out_);
+}
 
 ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms) {
     ProcessResult r;

@@ -1,6 +1,8 @@
 // Runs a program to completion for black-box tests.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -12,3 +14,23 @@ struct ProcessResult {
 
 // Runs argv[0] (a path) with argv, killing it after timeout_ms.
 ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms);
+
+// A program left running while the test goes on (tail -f, say); its standard
+// output is read as it grows. Killed when the object goes away.
+class BackgroundProcess {
+  public:
+    explicit BackgroundProcess(const std::vector<std::string> &argv);
+    ~BackgroundProcess();
+    BackgroundProcess(const BackgroundProcess &) = delete;
+    BackgroundProcess &operator=(const BackgroundProcess &) = delete;
+
+    // Standard output so far (all of it once stopped).
+    std::string out() const;
+    // Kills it (once) and returns its exit status, -1 when it did not exit by itself.
+    int stop();
+
+  private:
+    pid_t pid_ = -1;
+    int out_ = -1;
+    int status_ = -1;
+};

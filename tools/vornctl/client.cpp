@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "platform/io.h"
 #include "tools/vornctl/vornctl.h"
@@ -41,7 +42,7 @@ int ctl_fail(int status, const char *fmt, ...) {
 }
 
 int ctl_request(const ctl_options &o, const vorn_ctrl_msg &msg, vorn_ctrl_msg *reply,
-                uint8_t expect_type, std::string *why) {
+                uint8_t expect_type, std::string *why, pid_t *peer) {
     std::string path = socket_path(o);
     unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     struct sockaddr_un addr = {};
@@ -54,6 +55,12 @@ int ctl_request(const ctl_options &o, const vorn_ctrl_msg &msg, vorn_ctrl_msg *r
     if (fd.get() < 0 || connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
         *why = "cannot connect to " + path + ": " + strerror(errno);
         return CTL_NO_CONNECT;
+    }
+    if (peer != nullptr) {
+        // The credentials of the listening process: the daemon itself.
+        struct ucred cred = {};
+        socklen_t len = sizeof cred;
+        *peer = getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0 ? cred.pid : 0;
     }
     int timeout = o.timeout_sec > 0 ? o.timeout_sec : kDefaultReplyTimeoutSec;
     struct timeval tv = {timeout, 0};
@@ -116,7 +123,7 @@ int ctl_query_node(const ctl_options &o, const std::string &name, vorn_ctrl_msg 
 int ctl_query_global(const ctl_options &o, ctl_global *g, std::string *why) {
     vorn_ctrl_msg q, r;
     vorn_msg_init(&q, VORN_MSG_GET_GLOBAL);
-    int rc = ctl_request(o, q, &r, VORN_MSG_REPLY, why);
+    int rc = ctl_request(o, q, &r, VORN_MSG_REPLY, why, &g->daemon_pid);
     if (rc != CTL_OK)
         return rc;
     const auto *b = reinterpret_cast<const uint8_t *>(&r);
@@ -128,6 +135,19 @@ int ctl_query_global(const ctl_options &o, ctl_global *g, std::string *why) {
     vorn_msg_get_text(path, b + VORN_MSG_GBL_LOG_PATH_OFF, VORN_MSG_GBL_LOG_PATH_LEN);
     g->log_path = path;
     return CTL_OK;
+}
+
+ctl_node_view ctl_view_of(const vorn_ctrl_msg &m) {
+    char name[sizeof m.logname + 1], mask[sizeof m.mask + 1];
+    vorn_msg_get_text(name, m.logname, sizeof m.logname);
+    vorn_msg_get_text(mask, m.mask, sizeof m.mask);
+    return {m.logid, m.enable, m.loglevel, m.time, m.size, name, mask};
+}
+
+long long ctl_now_ms() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
 std::string ctl_json_string(const std::string &s) {

@@ -5,24 +5,12 @@
 #include <memory>
 #include <string>
 
-#include "core/config.h"
+#include "tools/vornctl/change_wait.h"
 #include "tools/vornctl/vornctl.h"
 
 namespace {
 
-struct node_view {
-    int slot, enable, loglevel, time, size;
-    std::string name, mask;
-};
-
-node_view view_of(const vorn_ctrl_msg &m) {
-    char name[sizeof m.logname + 1], mask[sizeof m.mask + 1];
-    vorn_msg_get_text(name, m.logname, sizeof m.logname);
-    vorn_msg_get_text(mask, m.mask, sizeof m.mask);
-    return {m.logid, m.enable, m.loglevel, m.time, m.size, name, mask};
-}
-
-void print_node(const ctl_options &o, const node_view &n) {
+void print_node(const ctl_options &o, const ctl_node_view &n) {
     if (o.json) {
         printf(
             "{\"slot\":%d,\"name\":%s,\"enabled\":%d,\"level\":%d,\"time\":%d,\"size\":%d,"
@@ -51,7 +39,7 @@ int cmd_query(const ctl_options &o) {
     int rc = ctl_query_node(o, o.args[1], &node, &why);
     if (rc != CTL_OK)
         return ctl_fail(rc, "%s", why.c_str());
-    print_node(o, view_of(node));
+    print_node(o, ctl_view_of(node));
     return CTL_OK;
 }
 
@@ -69,7 +57,7 @@ int cmd_set_state(const ctl_options &o) {
     int rc = ctl_query_node(o, o.args[1], &node, &why);
     if (rc != CTL_OK)
         return ctl_fail(rc, "%s", why.c_str());
-    node_view cur = view_of(node);
+    ctl_node_view cur = ctl_view_of(node);
 
     vorn_ctrl_msg change;
     vorn_msg_init(&change, VORN_MSG_SET_NODE);
@@ -82,10 +70,17 @@ int cmd_set_state(const ctl_options &o) {
         change.enable = 0;
     else  // new-file: the same state, and a new-file request in bits 1-7
         change.enable = static_cast<uint8_t>((cur.enable & VORN_ENABLE_BIT) | 0x02);
+    change_watch watch(o, cur, mask);
+    if (o.wait) {
+        if (int prc = watch.prepare())
+            return prc;
+    }
     vorn_ctrl_msg ack;
     rc = ctl_request(o, change, &ack, VORN_MSG_REPLY, &why);
     if (rc != CTL_OK)
         return ctl_fail(rc, "%s", why.c_str());
+    if (o.wait)
+        return watch.wait();
     if (o.json) {
         printf("{\"name\":%s,\"queued\":%s,\"enable\":%d,\"mask\":%s}\n",
                ctl_json_string(cur.name).c_str(), ctl_json_string(cmd).c_str(), change.enable,
@@ -144,58 +139,5 @@ int cmd_set_log_path(const ctl_options &o) {
         printf("{\"log_path\":%s}\n", ctl_json_string(g.log_path).c_str());
     else
         printf("log path is now %s\n", g.log_path.c_str());
-    return CTL_OK;
-}
-
-int cmd_status(const ctl_options &o) {
-    if (int rc = need_operands(o, 0, "status"))
-        return rc;
-    // The daemon first: without it there is nothing live to show.
-    ctl_global g;
-    std::string why;
-    if (int rc = ctl_query_global(o, &g, &why))
-        return ctl_fail(rc, "%s", why.c_str());
-    // The nodes as the daemon read them from its working configuration.
-    std::string conf = ctl_host_path(o, VORN_WORK_CONF);
-    if (access(conf.c_str(), R_OK) != 0)
-        return ctl_fail(CTL_NO_REPLY, "cannot read the working configuration %s", conf.c_str());
-    std::vector<std::string> names = vorn_config_node_names(VORN_WORK_CONF);
-
-    if (o.json)
-        printf("[");
-    else
-        printf("%-4s %-15s %-7s %-5s %-10s %s\n", "SLOT", "NAME", "ENABLED", "LEVEL", "SIZE",
-               "MASK");
-    bool first = true;
-    for (const std::string &name : names) {
-        vorn_ctrl_msg node;
-        int rc = ctl_query_node(o, name, &node, &why);
-        if (rc == CTL_NO_CONNECT)
-            return ctl_fail(rc, "%s", why.c_str());
-        bool live = rc == CTL_OK;  // no reply: the daemon dropped the node at load
-        node_view n = live ? view_of(node) : node_view{0, 0, 0, 0, 0, name, ""};
-        if (o.json) {
-            if (live) {
-                printf(
-                    "%s{\"slot\":%d,\"name\":%s,\"enabled\":%d,\"level\":%d,\"size\":%d,"
-                    "\"mask\":%s}",
-                    first ? "" : ",", n.slot, ctl_json_string(n.name).c_str(), n.enable, n.loglevel,
-                    n.size, ctl_json_string(n.mask).c_str());
-            } else {
-                printf(
-                    "%s{\"slot\":null,\"name\":%s,\"enabled\":null,\"level\":null,"
-                    "\"size\":null,\"mask\":null}",
-                    first ? "" : ",", ctl_json_string(name).c_str());
-            }
-        } else if (live) {
-            printf("%-4d %-15s %-7d %-5d %-10d %s\n", n.slot, n.name.c_str(), n.enable, n.loglevel,
-                   n.size, n.mask.c_str());
-        } else {
-            printf("%-4s %-15s %-7s %-5s %-10s %s\n", "-", name.c_str(), "-", "-", "-", "-");
-        }
-        first = false;
-    }
-    if (o.json)
-        printf("]\n");
     return CTL_OK;
 }

@@ -1,6 +1,8 @@
 // vornctl: the command-line client of vornd's control socket.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -24,9 +26,11 @@ struct ctl_options {
     bool json = false;
     bool has_mask = false;
     std::string mask;               // enable --mask
-    bool wait = false;              // archive --wait
+    bool wait = false;              // enable, disable, new-file and archive --wait
     bool follow_log = false;        // agent --follow-log
     std::string log_file;           // agent --log
+    bool follow = false;            // tail -f
+    int lines = 10;                 // tail -n
     int timeout_sec = -1;           // --timeout; -1: the command's default
     std::vector<std::string> args;  // the command and its operands
 };
@@ -40,18 +44,28 @@ int ctl_fail(int status, const char *fmt, ...) __attribute__((format(printf, 2, 
 // One request. When reply is given, waits for a 256-byte answer whose first
 // byte is expect_type; otherwise waits until the daemon closes. Returns
 // CTL_OK, CTL_NO_REPLY (closed without an answer, or the timeout) or
-// CTL_NO_CONNECT; *why says what happened when it is not CTL_OK.
+// CTL_NO_CONNECT; *why says what happened when it is not CTL_OK. *peer, when
+// given, receives the daemon's pid (0 when the socket does not tell).
 int ctl_request(const ctl_options &o, const vorn_ctrl_msg &msg, vorn_ctrl_msg *reply,
-                uint8_t expect_type, std::string *why);
+                uint8_t expect_type, std::string *why, pid_t *peer = nullptr);
 
 // Queries a node by name (cut to 15 characters). Returns as ctl_request.
 int ctl_query_node(const ctl_options &o, const std::string &name, vorn_ctrl_msg *node,
                    std::string *why);
 
-// The global settings: fields decoded from a type-3 reply.
+// A node's fields decoded from a type-1 reply.
+struct ctl_node_view {
+    int slot, enable, loglevel, time, size;
+    std::string name, mask;
+};
+ctl_node_view ctl_view_of(const vorn_ctrl_msg &m);
+
+// The global settings: fields decoded from a type-3 reply, and the daemon's
+// pid from the socket's peer credentials (0 when unknown).
 struct ctl_global {
     int enable, loglevel, time, size;
     std::string log_path;
+    pid_t daemon_pid;
 };
 int ctl_query_global(const ctl_options &o, ctl_global *g, std::string *why);
 
@@ -69,3 +83,7 @@ int cmd_set_log_path(const ctl_options &o);
 int cmd_status(const ctl_options &o);
 int cmd_agent(const ctl_options &o);
 int cmd_archive(const ctl_options &o);
+int cmd_tail(const ctl_options &o);
+
+// Milliseconds of the monotonic clock.
+long long ctl_now_ms();
