@@ -55,8 +55,10 @@ class qdss_writer {
     // Writes the block in hand and flushes it. On failure the block keeps
     // only the bytes that did not reach the file.
     bool write_block() {
-        if (file_.fp == nullptr)
+        if (file_.fp == nullptr) {
+            VLOGE("QDSS(W) : Failed to write out to log file\n");
             return false;
+        }
         int len = static_cast<int>(block_->length);
         uint64_t before = file_.written;  // the file's length: every block is flushed
         char old_path[VORN_PATH_MAX];
