@@ -144,6 +144,7 @@ int vorn_log_format_line(char *out, int out_len, int prio, const char *tag, cons
     return format_line(out, static_cast<size_t>(out_len), prio, tag, text, strlen(text));
 }
 
+#ifndef __ANDROID__
 void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message) {
     // A message may hold several lines (many texts end in "\n"); like logcat,
     // print each non-empty line with its own header.
@@ -160,6 +161,7 @@ void vorn_log_stderr_logger(const struct __android_logger_data *data, const char
         p = nl ? nl + 1 : nullptr;
     } while (p && *p);
 }
+#endif
 
 void vorn_log_init() {
 #ifndef __ANDROID__
