@@ -1,11 +1,13 @@
 // android/: the build file builds what CMake builds, and the init service and
 // its SELinux policy agree with the daemon and with each other.
 #include <gtest/gtest.h>
+#include <regex.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <map>
-#include <regex>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -243,10 +245,31 @@ TEST_F(AndroidBp, DaemonShipsItsServiceAndConfiguration) {
                     << m.name() << " names " << f;
 }
 
+// The words of a line.
+std::vector<std::string> words(const std::string &line) {
+    std::vector<std::string> out;
+    std::stringstream ss(line);
+    for (std::string w; ss >> w;)
+        out.push_back(w);
+    return out;
+}
+
+// The type of a context "u:object_r:TYPE:s0".
+std::string context_type(const std::string &context) {
+    std::vector<std::string> parts = split(context, ':');
+    return parts.size() == 4 ? parts[2] : "";
+}
+
+// A file_contexts line: its path pattern (an extended regular expression
+// that must match the whole path) and its type.
 struct label {
-    std::regex path;
     std::string pattern;
     std::string type;
+    std::shared_ptr<regex_t> re;
+
+    bool matches(const std::string &path) const {
+        return re && regexec(re.get(), path.c_str(), 0, nullptr, 0) == 0;
+    }
 };
 
 std::vector<label> file_contexts() {
@@ -255,11 +278,20 @@ std::vector<label> file_contexts() {
         std::string t = trim(l);
         if (t.empty() || t[0] == '#')
             continue;
-        std::stringstream ss(t);
-        std::string path, context;
-        ss >> path >> context;
-        std::vector<std::string> parts = split(context, ':');
-        out.push_back({std::regex(path), path, parts.size() == 4 ? parts[2] : ""});
+        std::vector<std::string> w = words(t);
+        w.resize(2);
+        auto *re = new regex_t;
+        std::shared_ptr<regex_t> owned;
+        if (regcomp(re, ("^(" + w[0] + ")$").c_str(), REG_EXTENDED | REG_NOSUB) == 0) {
+            owned.reset(re, [](regex_t *r) {
+                regfree(r);
+                delete r;
+            });
+        } else {
+            delete re;
+            ADD_FAILURE() << "file_contexts: bad pattern " << w[0];
+        }
+        out.push_back({w[0], context_type(w[1]), owned});
     }
     return out;
 }
@@ -267,19 +299,40 @@ std::vector<label> file_contexts() {
 std::string type_of(const std::vector<label> &labels, const std::string &path) {
     std::string type;
     for (const label &l : labels)
-        if (std::regex_match(path, l.path))
+        if (l.matches(path))
             type = l.type;  // the last match wins, as for the policy's own files
     return type;
+}
+
+bool ident_char(char c) {
+    return isalnum(static_cast<unsigned char>(c)) || c == '_';
 }
 
 // Types the policy declares (`type NAME, ...;`).
 std::set<std::string> declared_types() {
     std::set<std::string> out;
-    std::regex decl(R"(^\s*type\s+([A-Za-z0-9_]+)\s*[,;])");
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/vornd.te"))) {
-        std::smatch m;
-        if (std::regex_search(l, m, decl))
-            out.insert(m[1]);
+        std::string t = trim(l);
+        if (t.compare(0, 5, "type ") != 0)
+            continue;
+        size_t b = t.find_first_not_of(' ', 5), e = b;
+        while (e < t.size() && ident_char(t[e]))
+            e++;
+        out.insert(t.substr(b, e - b));
+    }
+    return out;
+}
+
+// The daemon's own types a rule names (vornd_...).
+std::set<std::string> own_types(const std::string &rule) {
+    std::set<std::string> out;
+    for (size_t at = rule.find("vornd_"); at != std::string::npos; at = rule.find("vornd_", at)) {
+        size_t e = at;
+        while (e < rule.size() && ident_char(rule[e]))
+            e++;
+        if (at == 0 || !ident_char(rule[at - 1]))
+            out.insert(rule.substr(at, e - at));
+        at = e;
     }
     return out;
 }
@@ -318,7 +371,6 @@ TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
     std::set<std::string> types = declared_types();
     std::vector<std::string> te = lines_of(read_file(kAndroid + "sepolicy/vornd.te"));
     ASSERT_FALSE(te.empty());
-    std::regex own(R"(\bvornd_[A-Za-z0-9_]+)");
     for (size_t i = 0; i < te.size(); i++) {
         std::string t = trim(te[i]);
         if (t.empty() || t[0] == '#')
@@ -327,18 +379,17 @@ TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
             << "vornd.te line " << i + 1 << " has no reason above it: " << t;
         EXPECT_TRUE(t.back() == ';' || t.back() == ')')
             << "vornd.te line " << i + 1 << ": one rule per line: " << t;
-        for (std::sregex_iterator m(t.begin(), t.end(), own), end; m != end; ++m)
-            EXPECT_TRUE(types.count(m->str()))
-                << "vornd.te line " << i + 1 << " uses the undeclared type " << m->str();
+        for (const std::string &type : own_types(t))
+            EXPECT_TRUE(types.count(type))
+                << "vornd.te line " << i + 1 << " uses the undeclared type " << type;
     }
-    std::regex genfs(R"(^genfscon\s+\S+\s+\S+\s+u:object_r:([A-Za-z0-9_]+):s0$)");
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/genfs_contexts"))) {
-        std::string t = trim(l);
-        if (t.empty() || t[0] == '#')
+        std::vector<std::string> w = words(l);
+        if (w.empty() || w[0][0] == '#')
             continue;
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(t, m, genfs)) << t;
-        EXPECT_TRUE(types.count(m[1])) << t << ": undeclared type";
+        ASSERT_EQ(w.size(), 4u) << "genfscon FS PATH CONTEXT: " << l;
+        EXPECT_EQ(w[0], "genfscon") << l;
+        EXPECT_TRUE(types.count(context_type(w[3]))) << l << ": undeclared type";
     }
 }
 
