@@ -2,6 +2,7 @@
 // their formatter into text lines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "capture/log_writer.h"
@@ -17,6 +18,11 @@ struct vorn_klog_entry {
     int32_t nsec;
 };
 static_assert(sizeof(vorn_klog_entry) == 20, "kernel logger header is 20 bytes");
+static_assert(offsetof(vorn_klog_entry, len) == 0);
+static_assert(offsetof(vorn_klog_entry, pid) == 4);
+static_assert(offsetof(vorn_klog_entry, tid) == 8);
+static_assert(offsetof(vorn_klog_entry, sec) == 12);
+static_assert(offsetof(vorn_klog_entry, nsec) == 16);
 
 // Writes one entry as read (len bytes at entry) as text lines into the node's
 // file. Text payloads (priority, tag, message) become one line per message

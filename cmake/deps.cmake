@@ -21,7 +21,9 @@ set_target_properties(android::cutils PROPERTIES IMPORTED_LOCATION ${ANDROID_LIB
 set(CMAKE_BUILD_RPATH ${VORN_ANDROID_LIBDIR})
 set(CMAKE_INSTALL_RPATH ${VORN_ANDROID_LIBDIR})
 
-find_library(QRTR_LIBRARY qrtr REQUIRED)
+# libqrtr-dev cannot be installed for two architectures at once; a cross build
+# links the runtime library of the other architecture by its file name.
+find_library(QRTR_LIBRARY NAMES qrtr libqrtr.so.1 REQUIRED)
 find_path(QRTR_INCLUDE_DIR libqrtr.h REQUIRED)
 add_library(qrtr::qrtr UNKNOWN IMPORTED)
 set_target_properties(qrtr::qrtr PROPERTIES IMPORTED_LOCATION ${QRTR_LIBRARY}

@@ -20,14 +20,18 @@ if(VORN_FUZZ)
 endif()
 
 # vorn_library(name SOURCES...): one static library per folder.
+# Both record their targets in VORN_TARGETS, for the check that the Android
+# build file builds the same sources (tests/android).
 function(vorn_library name)
   add_library(${name} STATIC ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY VORN_TARGETS ${name})
   target_compile_options(${name} PRIVATE ${VORN_WARNINGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
 endfunction()
 
 function(vorn_executable name)
   add_executable(${name} ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY VORN_TARGETS ${name})
   target_compile_options(${name} PRIVATE ${VORN_WARNINGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
 endfunction()

@@ -2,6 +2,7 @@
 // exactly these 256 bytes. Shared by the daemon and vornctl.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -38,7 +39,12 @@ struct vorn_ctrl_msg {
     uint8_t reserved[128];
 };
 
+static_assert(std::endian::native == std::endian::little,
+              "the message's integers are little-endian");
 static_assert(sizeof(vorn_ctrl_msg) == VORN_MSG_SIZE, "control message is 256 bytes");
+static_assert(offsetof(vorn_ctrl_msg, logid) == 1);
+static_assert(offsetof(vorn_ctrl_msg, enable) == 2);
+static_assert(offsetof(vorn_ctrl_msg, loglevel) == 3);
 static_assert(offsetof(vorn_ctrl_msg, time) == 4);
 static_assert(offsetof(vorn_ctrl_msg, size) == 8);
 static_assert(offsetof(vorn_ctrl_msg, logname) == 12);
@@ -62,6 +68,7 @@ struct gbl_config_t {
 #pragma pack(pop)
 
 static_assert(sizeof(gbl_config_t) == 128, "gbl_config is 128 bytes");
+static_assert(offsetof(gbl_config_t, type) == 0);
 static_assert(offsetof(gbl_config_t, enable) == 1);
 static_assert(offsetof(gbl_config_t, loglevel) == 2);
 static_assert(offsetof(gbl_config_t, time) == 3);

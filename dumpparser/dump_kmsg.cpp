@@ -7,13 +7,14 @@
 
 #include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
+#include "dumpparser/dump_records.h"
 #include "dumpparser/dumpparser.h"
 #include "platform/root.h"
 
 namespace {
 
 constexpr size_t kChunk = 4096;
-constexpr size_t kHeader = 16;
+constexpr size_t kHeader = sizeof(dp_printk_header);
 // Anything longer is not a printk record: the walk has run into garbage.
 constexpr uint32_t kMaxText = 992;
 constexpr int64_t kMaxBody = 4096;
@@ -147,8 +148,8 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
             return -1;
         }
         consumed += kHeader;
-        uint16_t total = dp_le16(h + 8);
-        uint16_t text_len = dp_le16(h + 10);
+        uint16_t total = dp_le16(h + offsetof(dp_printk_header, len));
+        uint16_t text_len = dp_le16(h + offsetof(dp_printk_header, text_len));
         if (total == 0) {
             DPLOGD("%s: Back to log buf start addr.", DP);
             if (from_start && !wrote)
@@ -176,8 +177,9 @@ int walk_records(int in, kmsg_writer &out, uint64_t off, uint32_t len, uint64_t 
                 size_t t = text_len < n ? text_len : n;
                 memcpy(text, body, t);
                 text[t] = '\0';
+                uint64_t ts = dp_le64(h + offsetof(dp_printk_header, ts_nsec));
                 int l = snprintf(line, sizeof(line), "%016llx: %s\n",
-                                 static_cast<unsigned long long>(dp_le64(h)), text);
+                                 static_cast<unsigned long long>(ts), text);
                 if (out.put(line, static_cast<size_t>(l)) < 0)
                     return -1;
                 wrote = true;

@@ -12,6 +12,7 @@
 #include "core/shell.h"
 #include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
+#include "dumpparser/dump_records.h"
 #include "dumpparser/dumpparser.h"
 #include "platform/io.h"
 #include "platform/root.h"
@@ -29,9 +30,9 @@ constexpr uint32_t kV2LogBufId = 272;
 constexpr uint32_t kV2FirstIdxId = 273;
 
 // A data record of the application processor's table: address and length.
-constexpr size_t kDataRecord = 64;
-constexpr size_t kDataAddrOff = 40;
-constexpr size_t kDataLenOff = 48;
+constexpr size_t kDataRecord = sizeof(dp_data_record);
+constexpr size_t kDataAddrOff = offsetof(dp_data_record, addr);
+constexpr size_t kDataLenOff = offsetof(dp_data_record, len);
 
 // Where the kernel log lies once the tables have been followed.
 struct log_location {

@@ -1,20 +1,16 @@
 // Lookups in the memory dump table the boot loader leaves in DDR.
 #include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
+#include "dumpparser/dump_records.h"
 #include "dumpparser/dumpparser.h"
 
 namespace {
 
-constexpr uint64_t kTableHeader = 8;
-
-// Format 1 (3.4 kernels): id, padding, start, end.
-constexpr uint64_t kV1Entry = 24;
+constexpr uint64_t kTableHeader = sizeof(dp_table_header);
+constexpr uint64_t kV1Entry = sizeof(dp_table_entry_v1);
 constexpr uint32_t kV1MaxId = 12;
-
-// Format 2: id, name and type, address.
-constexpr uint64_t kV2Entry = 48;
+constexpr uint64_t kV2Entry = sizeof(dp_table_entry_v2);
 constexpr uint32_t kV2MaxId = 287;
-constexpr size_t kV2AddrOff = 40;
 
 }  // namespace
 
@@ -25,15 +21,15 @@ int dumpparser_table_find_v1(uint64_t table_off, uint32_t id, const char *file, 
         // A table running off the end of the image ends in a failed read.
         if (off < table_off || dumpparser_read_at(off, file, sizeof(e), e) < 0)
             return -1;
-        uint32_t eid = dp_le32(e);
-        uint64_t s = dp_le64(e + 8);
+        uint32_t eid = dp_le32(e + offsetof(dp_table_entry_v1, id));
+        uint64_t s = dp_le64(e + offsetof(dp_table_entry_v1, start));
         if (s == 0 || eid > kV1MaxId) {
             DPLOGE("%s: unable to find %d.\n", DP, static_cast<int>(id));
             return -1;
         }
         if (eid == id) {
             *start = s;
-            *end = dp_le64(e + 16);
+            *end = dp_le64(e + offsetof(dp_table_entry_v1, end));
             return 0;
         }
     }
@@ -44,8 +40,8 @@ int dumpparser_table_find_v2(uint64_t table_off, const char *file, uint32_t id, 
         uint8_t e[kV2Entry];
         if (off < table_off || dumpparser_read_at(off, file, sizeof(e), e) < 0)
             return -1;
-        uint32_t eid = dp_le32(e);
-        uint64_t a = dp_le64(e + kV2AddrOff);
+        uint32_t eid = dp_le32(e + offsetof(dp_table_entry_v2, id));
+        uint64_t a = dp_le64(e + offsetof(dp_table_entry_v2, addr));
         if (a == 0 || eid > kV2MaxId) {
             DPLOGD("%s: unable to find %d.\n", DP, static_cast<int>(id));
             return -1;

@@ -149,6 +149,7 @@ int vorn_log_format_line(char *out, int out_len, int prio, const char *tag, cons
     return format_line(out, static_cast<size_t>(out_len), prio, tag, text, strlen(text));
 }
 
+#ifndef __ANDROID__
 void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message) {
     if (data->priority < g_stderr_min.load(std::memory_order_relaxed))
         return;
@@ -167,6 +168,7 @@ void vorn_log_stderr_logger(const struct __android_logger_data *data, const char
         p = nl ? nl + 1 : nullptr;
     } while (p && *p);
 }
+#endif
 
 int vorn_log_priority_of(const char *letter) {
     if (letter == nullptr || letter[0] == '\0' || letter[1] != '\0')

@@ -21,9 +21,12 @@ void vorn_log_init(int min_priority = ANDROID_LOG_VERBOSE);
 // The priority of a logcat letter (V, D, I, W or E; either case), or -1.
 int vorn_log_priority_of(const char *letter);
 
+#ifndef __ANDROID__
 // The host logger itself, exposed so that a test can restore it after
-// installing a capturing logger of its own.
+// installing a capturing logger of its own. Host only: the platform's liblog
+// hands loggers a record of another shape, and the device logs to logd.
 void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message);
+#endif
 
 // Formats one threadtime line ("MM-DD HH:MM:SS.mmm  PID  TID P TAG     : msg\n")
 // into out; returns the length written (always terminated, cut to out_len - 1).

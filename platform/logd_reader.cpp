@@ -31,6 +31,18 @@ constexpr size_t kLidOff = 20;
 constexpr size_t kUidOff = 24;
 constexpr size_t kMinHdr = kLidOff + 4;
 
+// logd and liblog share the header layout: a record decoded into liblog's own
+// header keeps every field at the offset it had on the wire.
+static_assert(offsetof(logger_entry, len) == kLenOff);
+static_assert(offsetof(logger_entry, hdr_size) == kHdrSizeOff);
+static_assert(offsetof(logger_entry, pid) == kPidOff);
+static_assert(offsetof(logger_entry, tid) == kTidOff);
+static_assert(offsetof(logger_entry, sec) == kSecOff);
+static_assert(offsetof(logger_entry, nsec) == kNsecOff);
+static_assert(offsetof(logger_entry, lid) == kLidOff);
+static_assert(offsetof(logger_entry, uid) == kUidOff);
+static_assert(sizeof(logger_entry) == kUidOff + 4);
+
 template <typename T>
 T load(const unsigned char *p, size_t off) {
     T v;
