@@ -12,6 +12,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kPhoneConf[] = "/sim/phone.conf";
+
 struct Platform {
     const char *name;
     int sdk;
@@ -171,8 +173,19 @@ std::string default_config(const DeviceRootSpec &spec) {
     return x;
 }
 
+int device_root_ramdumps(const std::string &dir) {
+    std::ifstream in(dir + kPhoneConf);
+    std::string key;
+    int n = 0;
+    if (in >> key >> n && key == "ramdumps" && n > 0)
+        return n;
+    return DeviceRootSpec{}.ramdumps;
+}
+
 bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err) {
     Tree t(dir);
+    // What the phone is made of, read by its server at up.
+    t.file(kPhoneConf, "ramdumps " + std::to_string(spec.ramdumps) + "\n");
     t.file("/etc/vorn-conf.xml", default_config(spec));
     t.file("/system/build.prop",
            "ro.build.version.sdk=" + std::to_string(platform_sdk(spec.platform)) +

@@ -22,13 +22,15 @@ namespace {
 const char kUsage[] =
     "usage: vornsim COMMAND DIR [OPTIONS]\n"
     "  create DIR [--platform msm8974|msm8226|msm8916|msm8994|msm8996] [--cpus N]\n"
-    "                             make a device root for vornd --root DIR\n"
+    "             [--ramdumps N]  make a device root for vornd --root DIR (N ramdump\n"
+    "                             devices, 1 to 16, default 5)\n"
     "  up DIR                     mount the device file system, start the services\n"
     "  down DIR                   undo up (also after a crash, or when not up)\n"
     "  status DIR                 the running phone's state and what its services received\n"
     "  run DIR [--vornd PATH]     up, vornd --root DIR in the foreground, down at Ctrl-C\n"
-    "  crash DIR SUBSYS [--size N] [--elf]   a ramdump (adsp, modem, pronto, venus, smem)\n"
-    "  gpu-hang DIR               a new kgsl snapshot\n"
+    "  crash DIR SUBSYS [--size N] [--elf]   a ramdump (adsp, modem, pronto, venus, smem,\n"
+    "                             then cdsp, slpi, spss, ... on a phone with more)\n"
+    "  gpu-hang DIR [--same]      a new kgsl snapshot (--same: a notification, same timestamp)\n"
     "  trace DIR --rate MIBPS     QDSS trace at this rate (0 stops it)\n"
     "  overflow DIR               the next QDSS trace read fails with EIO\n"
     "  log DIR BUFFER PRIO TAG MESSAGE   an entry for logd and the logger device\n"
@@ -138,14 +140,19 @@ int main(int argc, char **argv) {
                      to_number(rest[i + 1].c_str(), &v) && v >= 1 && v <= 8) {
                 spec.cpus = static_cast<int>(v);
                 i++;
+            } else if (rest[i] == "--ramdumps" && i + 1 < rest.size() &&
+                       to_number(rest[i + 1].c_str(), &v) && v >= 1 &&
+                       v <= static_cast<long long>(kSimSubsystems.size())) {
+                spec.ramdumps = static_cast<int>(v);
+                i++;
             } else
                 return usage();
         }
         std::string err;
         if (!create_device_root(root, spec, &err))
             return fail(err);
-        printf("vornsim: device root %s (%s, %d cpus)\n", root.c_str(), spec.platform.c_str(),
-               spec.cpus);
+        printf("vornsim: device root %s (%s, %d cpus, %d ramdump devices)\n", root.c_str(),
+               spec.platform.c_str(), spec.cpus, spec.ramdumps);
         return 0;
     }
     if (cmd == "up" && rest.empty()) {
@@ -196,6 +203,8 @@ int main(int argc, char **argv) {
     }
     if (cmd == "gpu-hang" && rest.empty())
         return inject(root, "gpu-hang");
+    if (cmd == "gpu-hang" && rest.size() == 1 && rest[0] == "--same")
+        return inject(root, "gpu-hang same");
     if (cmd == "overflow" && rest.empty())
         return inject(root, "overflow");
     if (cmd == "trace" && rest.size() == 2 && rest[0] == "--rate") {

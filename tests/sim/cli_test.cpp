@@ -1,6 +1,7 @@
 // vornsim as a user runs it: the device root it creates, up and down with
 // their faults (twice, never up, after the server died), injections into a
-// root that is not up, and the diag_bridge uevent on the kernel's group.
+// root that is not up, a phone with more ramdump devices, and the diag_bridge
+// uevent on the kernel's group.
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <signal.h>
@@ -103,6 +104,29 @@ TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
     EXPECT_NE(run.err.find("is down"), std::string::npos) << run.err;
     EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
     EXPECT_LT(sim_server_pid(r.path()), 0);
+}
+
+TEST(VornsimCliTest, ElevenRamdumpDevicesComeAndGoWithThePhone) {
+    std::string why;
+    if (!fuse_usable(&why))
+        GTEST_SKIP() << "FUSE cannot mount here: " << why;
+    TempRoot r;
+    EXPECT_EQ(vornsim({"create", r.path(), "--ramdumps", "0"}).exit_status, 2);
+    EXPECT_EQ(vornsim({"create", r.path(), "--ramdumps", "17"}).exit_status, 2);
+    ASSERT_EQ(vornsim({"create", r.path(), "--ramdumps", "11"}).exit_status, 0);
+    ASSERT_EQ(vornsim({"up", r.path()}).exit_status, 0);
+    // The five of every phone, then cdsp, slpi, spss, ipa_fws, wcnss, lpass.
+    for (const char *s : {"adsp", "smem", "cdsp", "lpass"})
+        EXPECT_TRUE(r.exists(std::string("/dev/ramdump_") + s)) << s;
+    EXPECT_FALSE(r.exists("/dev/ramdump_gss"));
+    EXPECT_EQ(vornsim({"crash", r.path(), "lpass", "--size", "10"}).exit_status, 0);
+    ProcessResult none = vornsim({"crash", r.path(), "gss"});
+    EXPECT_EQ(none.exit_status, 1);
+    EXPECT_NE(none.err.find("rejected"), std::string::npos) << none.err;
+    EXPECT_NE(vornsim({"status", r.path()}).out.find("ramdump_lpass pending 1"), std::string::npos);
+    ASSERT_EQ(vornsim({"down", r.path()}).exit_status, 0);
+    EXPECT_FALSE(r.exists("/dev/ramdump_lpass"));
+    EXPECT_FALSE(r.exists("/dev/ramdump_adsp"));
 }
 
 TEST(VornsimCliTest, UeventReachesTheKernelGroup) {
