@@ -66,11 +66,6 @@ int inject(const std::string &root, const std::string &line) {
     return 0;
 }
 
-volatile sig_atomic_t g_stop = 0;
-void on_stop(int) {
-    g_stop = 1;
-}
-
 std::string self_dir() {
     char buf[4096];
     ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
@@ -83,19 +78,25 @@ std::string self_dir() {
 int run(const std::string &root, std::string vornd) {
     if (vornd.empty())
         vornd = self_dir() + "/vornd";
+    // Ctrl-C and SIGTERM are taken by sigwait below and passed on to the
+    // daemon. Blocked from here on, one that comes while the phone comes up
+    // or before the wait begins stays pending instead of being lost.
+    sigset_t stop, old;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &stop, &old);
     std::string err, note;
-    if (sim_up(root, &err) != 0)
+    if (sim_up(root, &err) != 0) {
+        sigprocmask(SIG_SETMASK, &old, nullptr);
         return fail(err);
+    }
     fprintf(stderr, "vornsim: %s is up; vornd --root %s (Ctrl-C stops both)\n", root.c_str(),
             root.c_str());
-    struct sigaction sa {};
-    sa.sa_handler = on_stop;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        signal(SIGINT, SIG_DFL);
-        signal(SIGTERM, SIG_DFL);
+        sigprocmask(SIG_SETMASK, &old, nullptr);
         std::string path = root + "/system/bin:" + (getenv("PATH") ? getenv("PATH") : "/bin");
         setenv("PATH", path.c_str(), 1);
         execl(vornd.c_str(), vornd.c_str(), "--root", root.c_str(), static_cast<char *>(nullptr));
@@ -103,11 +104,13 @@ int run(const std::string &root, std::string vornd) {
         _exit(127);
     }
     int status = 0;
-    if (pid > 0) {
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            if (g_stop)
-                kill(pid, SIGTERM);
-        }
+    while (pid > 0) {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR))
+            break;
+        int sig = 0;
+        if (sigwait(&stop, &sig) == 0 && sig != SIGCHLD)
+            kill(pid, SIGTERM);
     }
     sim_down(root, &note);
     fprintf(stderr, "vornsim: %s\n", note.c_str());

@@ -1,11 +1,14 @@
 // vornsim as a user runs it: the device root it creates, up and down with
 // their faults (twice, never up, after the server died), injections into a
-// root that is not up, a phone with more ramdump devices, and the diag_bridge
-// uevent on the kernel's group.
+// root that is not up, a phone with more ramdump devices, run stopped by
+// SIGTERM, and the diag_bridge uevent on the kernel's group.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -127,6 +130,52 @@ TEST(VornsimCliTest, ElevenRamdumpDevicesComeAndGoWithThePhone) {
     ASSERT_EQ(vornsim({"down", r.path()}).exit_status, 0);
     EXPECT_FALSE(r.exists("/dev/ramdump_lpass"));
     EXPECT_FALSE(r.exists("/dev/ramdump_adsp"));
+}
+
+// vornsim run passes SIGTERM on to the daemon whenever it comes, even while
+// the phone is still coming up, and takes the phone down after it.
+TEST(VornsimCliTest, SigtermStopsRunAtAnyMoment) {
+    std::string why;
+    if (!fuse_usable(&why))
+        GTEST_SKIP() << "FUSE cannot mount here: " << why;
+    TempRoot r;
+    ASSERT_EQ(vornsim({"create", r.path()}).exit_status, 0);
+    r.write("/stand-in", "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/started\"\nexec sleep 60\n");
+    chmod(r.at("/stand-in").c_str(), 0755);
+    std::string bin = build_binary("vornsim");
+    for (bool early : {true, false}) {
+        unlink(r.at("/started").c_str());
+        pid_t pid = fork();
+        if (pid == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl(bin.c_str(), bin.c_str(), "run", r.path().c_str(), "--vornd",
+                  r.at("/stand-in").c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        ASSERT_GT(pid, 0);
+        if (!early)
+            ASSERT_TRUE(wait_until([&] { return r.exists("/started"); }, 10000));
+        else
+            usleep(5000);  // started, the phone not yet up
+        kill(pid, SIGTERM);
+        int status = 0;
+        bool ended = false;
+        wait_until([&] { return ended = ended || waitpid(pid, &status, WNOHANG) == pid; }, 10000);
+        if (!ended) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        EXPECT_TRUE(ended) << (early ? "early" : "late");
+        EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+        EXPECT_LT(sim_server_pid(r.path()), 0);
+        if (r.exists("/started")) {
+            pid_t daemon = atoi(r.read("/started").c_str());
+            EXPECT_TRUE(wait_until([&] { return kill(daemon, 0) != 0; }, 5000));
+        }
+        vornsim({"down", r.path()});
+    }
 }
 
 TEST(VornsimCliTest, UeventReachesTheKernelGroup) {
