@@ -209,11 +209,16 @@ bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std:
            "swt modem enable diag\n");
     t.file("/data/dynamic_debug.conf", "# dynamic debug queries\nmodule msm_bus +p\n");
     for (const char *d : {"/data/sim", "/dev/socket", "/dev/qrtr", "/dev/mdm", "/sdcard/logs",
-                          "/tombstones/mdm", "/proc", "/sim/dev"})
+                          "/tombstones/mdm", "/sim/dev"})
         t.dir(d);
     // /dev/mdm stands for the external modem's device: present, so the
     // collector watches diag_bridge uevents.
-    t.file("/proc/1/status", "Name:\tinit\nState:\tS (sleeping)\nPid:\t1\n");
+    // The exec worker looks for its command's children in /proc: the host's,
+    // where the providers run. A root made before holds a folder there.
+    std::error_code ec;
+    if (fs::is_directory(fs::symlink_status(dir + "/proc", ec)))
+        fs::remove_all(dir + "/proc", ec);
+    t.link("/proc", "/proc");
     coresight(t, spec);
     t.file("/sys/module/subsystem_restart/parameters/enable_ramdumps", "0\n");
     for (int i = 0; i < 4; i++)

@@ -34,8 +34,12 @@ ProcessResult vornsim(const std::vector<std::string> &args) {
 
 TEST(VornsimCliTest, CreateMakesARootForThePlatform) {
     TempRoot r;
+    r.write("/proc/1/status", "a folder older roots had\n");
     ProcessResult res = vornsim({"create", r.path(), "--platform", "msm8974", "--cpus", "2"});
     ASSERT_EQ(res.exit_status, 0) << res.err;
+    // The host's processes, for the exec worker's scan of its command's children.
+    EXPECT_NE(r.read("/proc/" + std::to_string(getpid()) + "/status").find("PPid:"),
+              std::string::npos);
     std::string conf = r.read("/etc/vorn-conf.xml");
     for (const char *row :
          {"ssr", "GPU", "DynamicDebug", "Bluetooth", "AdbMain", "AdbRadio", "AdbEvents", "Dmesg",
