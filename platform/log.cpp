@@ -152,6 +152,9 @@ thread_local vorn_log_batch *t_batch = nullptr;
 }  // namespace
 
 vorn_log_batch::vorn_log_batch() : outer_(t_batch) {
+    // Lines an enclosing batch keeps come before this one's.
+    if (outer_ != nullptr)
+        outer_->write_out();
     t_batch = this;
 }
 

@@ -163,6 +163,16 @@ TEST(LogFormat, BatchWritesItsLinesAtItsEndInOrderAndHoldsNoOtherThreads) {
         EXPECT_EQ(err.take(), "");
     }
     EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"four"});
+    {
+        vorn_log_batch outer;
+        vorn_log_stderr_logger(&data, "outer");
+        {
+            vorn_log_batch inner;
+            vorn_log_stderr_logger(&data, "inner");
+        }
+        vorn_log_stderr_logger(&data, "outer again");
+    }
+    EXPECT_EQ(texts_of(err.take()), (std::vector<std::string>{"outer", "inner", "outer again"}));
     vorn_log_stderr_logger(&data, "after");
     EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"after"});
 }
