@@ -1,12 +1,14 @@
 // One ramdump copied by the collector's per-device dump, timed. The source is
-// "<root>/dev/<device>" (a sparse file or a FIFO someone feeds); the dump goes
-// to "<root>/sdcard/logs/subsystem_ramdump" and is removed afterwards.
-// bench_ramdump.sh runs dd on the same source in the same run.
+// "<root>/dev/<device>" (the simulated phone's ramdump device after a crash,
+// a sparse file or a FIFO someone feeds), polled as the collector polls it;
+// the dump goes to "<root>/sdcard/logs/subsystem_ramdump" and is removed
+// afterwards. bench_ramdump.sh runs dd on the same source in the same run.
 //
 //   bench_ramdump ROOT DEVICE
 // prints bytes=N and dump_ms=T.
 #include <android/log.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -46,9 +48,13 @@ int main(int argc, char **argv) {
     st.count = 1;
     st.fds[0] = open(dev.c_str(), O_RDONLY | O_CLOEXEC);
     st.index[0] = 0;
-    st.pfds[0] = pollfd{st.fds[0], POLLIN, POLLIN};
+    st.pfds[0] = pollfd{st.fds[0], POLLIN, 0};
     if (st.fds[0] < 0) {
         perror(dev.c_str());
+        return 1;
+    }
+    if (poll(st.pfds, 1, 30000) != 1 || !(st.pfds[0].revents & POLLIN)) {
+        fprintf(stderr, "bench_ramdump: no dump waits on %s\n", dev.c_str());
         return 1;
     }
 

@@ -18,4 +18,4 @@ bench_row "socket, type-1 queries" "queries/s" higher "ratio>=0.8" "minimal Unix
 bench_row "socket, type-1 query p99" "us" lower "ratio<=1.5" "minimal Unix-socket server" \
   "$(col vornd_p99_us)" "$(col peer_p99_us)" "$cmd"
 bench_row "socket, debug log lines of one query" "us" lower "ratio<=1" "the query itself (vornd p50)" \
-  "$(col log_us)" "$(col vornd_p50_us)" "$cmd" "ten lines: the receipt, the eight-field dump, the send"
+  "$(col log_us)" "$(col vornd_p50_us)" "$cmd" "eleven lines (the receipt, the node found, the eight-field dump, the send), formatted and written in one go"

@@ -106,11 +106,16 @@ int next_sequence(const char *base) {
 // renames the closed file, and a second file of the same name would be moved
 // onto it. So a name already used in this second gets "_NNNN", which sorts
 // after every earlier file of that second and before the next second's, and
-// still starts with the node's prefix for pruning. path is updated.
-FILE *open_new_name(char *path) {
+// still starts with the node's prefix for pruning. The number follows the
+// one this handle used last for the same name; only a name found taken
+// (another writer's, or one left from before) costs a scan of the directory.
+// path is updated.
+FILE *open_new_name(char *path, vorn_log_file *file) {
     size_t base_len = strlen(path);
     std::string base(path, base_len);
-    for (int seq = next_sequence(path), tries = 0; tries < 100; seq++, tries++) {
+    bool known = strcmp(file->seq_base, base.c_str()) == 0;
+    bool scanned = false;
+    for (int seq = known ? file->seq_last + 1 : 0, tries = 0; tries < 100; tries++) {
         if (seq > 0)
             snprintf(path, VORN_PATH_MAX, "%s", vorn_log_sequence_name(base, seq).c_str());
         // Close-on-exec: provider commands must not inherit the daemon's files.
@@ -118,12 +123,18 @@ FILE *open_new_name(char *path) {
             open(vorn_path(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0666);
         if (fd >= 0) {
             FILE *fp = fdopen(fd, "a");
-            if (fp == nullptr)
+            if (fp == nullptr) {
                 close(fd);
+            } else {
+                snprintf(file->seq_base, sizeof file->seq_base, "%s", base.c_str());
+                file->seq_last = seq;
+            }
             return fp;
         }
         if (errno != EEXIST)
             break;
+        seq = scanned ? seq + 1 : std::max(next_sequence(base.c_str()), seq + 1);
+        scanned = true;
     }
     path[base_len] = '\0';
     return nullptr;
@@ -176,7 +187,7 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     char suffix[32];
     vorn_log_time_suffix(suffix, sizeof suffix);
     append_bounded(path, VORN_PATH_MAX, suffix);
-    file->fp = open_new_name(path);
+    file->fp = open_new_name(path, file);
     if (file->fp == nullptr) {
         VLOGE("Failed to create the log file: %s\n", path);
         return -1;
@@ -213,6 +224,8 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
         return len;
 
     vorn_log_file next{};
+    memcpy(next.seq_base, file->seq_base, sizeof next.seq_base);
+    next.seq_last = file->seq_last;
     char next_path[VORN_PATH_MAX];
     if (open_log_file(node, &next, next_path) != 0) {
         VLOGE("Failed to create new log file.");
@@ -222,6 +235,8 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
     fclose(file->fp);
     file->written = 0;
     file->fp = next.fp;
+    memcpy(file->seq_base, next.seq_base, sizeof file->seq_base);
+    file->seq_last = next.seq_last;
 
     // The closed file gets the time of the roll-over as a second suffix.
     char old_path[VORN_PATH_MAX];

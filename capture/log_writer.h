@@ -28,6 +28,11 @@ struct vorn_log_file {
     char resume[VORN_PATH_MAX];  // the open file's device path; after a failed
                                  // close, the file the next open continues
     int64_t linked_checked;      // monotonic second the file was last seen linked
+    // The last new file's name without its "_NNNN" (path, node prefix and
+    // opening second) and the number it got: the next file of that name
+    // takes the following number without a scan of the directory.
+    char seq_base[VORN_PATH_MAX];
+    int seq_last;
 };
 
 // Creates the node's directory and opens a new file "<log root>/<log_filepath>.<time>";

@@ -149,6 +149,41 @@ int vorn_log_format_line(char *out, int out_len, int prio, const char *tag, cons
     return format_line(out, static_cast<size_t>(out_len), prio, tag, text, strlen(text));
 }
 
+namespace {
+
+// The batch this thread keeps its lines in, if any.
+thread_local vorn_log_batch *t_batch = nullptr;
+
+}  // namespace
+
+vorn_log_batch::vorn_log_batch() : outer_(t_batch) {
+    // Lines an enclosing batch keeps come before this one's.
+    if (outer_ != nullptr)
+        outer_->write_out();
+    t_batch = this;
+}
+
+vorn_log_batch::~vorn_log_batch() {
+    write_out();
+    t_batch = outer_;
+}
+
+bool vorn_log_batch::keep(const char *text, size_t len) {
+    if (len > sizeof buf_ - len_) {
+        write_out();
+        return false;
+    }
+    memcpy(buf_ + len_, text, len);
+    len_ += len;
+    return true;
+}
+
+void vorn_log_batch::write_out() {
+    if (len_ > 0)
+        write_all(STDERR_FILENO, buf_, len_);
+    len_ = 0;
+}
+
 #ifndef __ANDROID__
 void vorn_log_stderr_logger(const struct __android_logger_data *data, const char *message) {
     if (data->priority < g_stderr_min.load(std::memory_order_relaxed))
@@ -163,7 +198,8 @@ void vorn_log_stderr_logger(const struct __android_logger_data *data, const char
         if (len > 0 || (nl == nullptr && p == message)) {
             len = std::min(len, static_cast<size_t>(4095));
             int n = format_line(line, sizeof line, data->priority, data->tag, p, len);
-            write_all(STDERR_FILENO, line, static_cast<size_t>(n));
+            if (t_batch == nullptr || !t_batch->keep(line, static_cast<size_t>(n)))
+                write_all(STDERR_FILENO, line, static_cast<size_t>(n));
         }
         p = nl ? nl + 1 : nullptr;
     } while (p && *p);
@@ -185,5 +221,6 @@ void vorn_log_init(int min_priority) {
 #ifndef __ANDROID__
     __android_log_set_logger(vorn_log_stderr_logger);
 #endif
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    // Lines below the level are not even formatted.
+    __android_log_set_minimum_priority(min_priority);
 }

@@ -12,6 +12,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kPhoneConf[] = "/sim/phone.conf";
+
 struct Platform {
     const char *name;
     int sdk;
@@ -171,8 +173,19 @@ std::string default_config(const DeviceRootSpec &spec) {
     return x;
 }
 
+int device_root_ramdumps(const std::string &dir) {
+    std::ifstream in(dir + kPhoneConf);
+    std::string key;
+    int n = 0;
+    if (in >> key >> n && key == "ramdumps" && n > 0)
+        return n;
+    return DeviceRootSpec{}.ramdumps;
+}
+
 bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err) {
     Tree t(dir);
+    // What the phone is made of, read by its server at up.
+    t.file(kPhoneConf, "ramdumps " + std::to_string(spec.ramdumps) + "\n");
     t.file("/etc/vorn-conf.xml", default_config(spec));
     t.file("/system/build.prop",
            "ro.build.version.sdk=" + std::to_string(platform_sdk(spec.platform)) +
@@ -196,11 +209,16 @@ bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std:
            "swt modem enable diag\n");
     t.file("/data/dynamic_debug.conf", "# dynamic debug queries\nmodule msm_bus +p\n");
     for (const char *d : {"/data/sim", "/dev/socket", "/dev/qrtr", "/dev/mdm", "/sdcard/logs",
-                          "/tombstones/mdm", "/proc", "/sim/dev"})
+                          "/tombstones/mdm", "/sim/dev"})
         t.dir(d);
     // /dev/mdm stands for the external modem's device: present, so the
     // collector watches diag_bridge uevents.
-    t.file("/proc/1/status", "Name:\tinit\nState:\tS (sleeping)\nPid:\t1\n");
+    // The exec worker looks for its command's children in /proc: the host's,
+    // where the providers run. A root made before holds a folder there.
+    std::error_code ec;
+    if (fs::is_directory(fs::symlink_status(dir + "/proc", ec)))
+        fs::remove_all(dir + "/proc", ec);
+    t.link("/proc", "/proc");
     coresight(t, spec);
     t.file("/sys/module/subsystem_restart/parameters/enable_ramdumps", "0\n");
     for (int i = 0; i < 4; i++)

@@ -8,6 +8,7 @@
 struct DeviceRootSpec {
     std::string platform = "msm8916";
     int cpus = 4;
+    int ramdumps = 5;  // ramdump devices of the phone (sim/phone.conf)
 };
 
 // The Android API level a platform shipped with; logger devices below 20.
@@ -17,3 +18,6 @@ bool known_platform(const std::string &platform);
 std::string default_config(const DeviceRootSpec &spec);
 // Makes the tree under dir (kept files are rewritten). False with *err.
 bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err);
+// The number of ramdump devices the phone of root dir has: what create wrote
+// into sim/phone.conf, or the default.
+int device_root_ramdumps(const std::string &dir);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +11,7 @@
 
 #include "sim/blob_device.h"
 #include "sim/control_device.h"
+#include "sim/device_root.h"
 #include "sim/fake_logd.h"
 #include "sim/fake_qmi_service.h"
 #include "sim/kgsl_stamp.h"
@@ -19,14 +21,12 @@
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kSimSubsystems = {"adsp", "modem", "pronto", "venus", "smem"};
+const std::vector<std::string> kSimSubsystems = {
+    "adsp",    "modem", "pronto", "venus", "smem", "cdsp", "slpi", "spss",
+    "ipa_fws", "wcnss", "lpass",  "gss",   "dsps", "mba",  "npu",  "a5",
+};
 
 const std::vector<SimLink> kSimLinks = {
-    {"ramdump_adsp", "/dev/ramdump_adsp"},
-    {"ramdump_modem", "/dev/ramdump_modem"},
-    {"ramdump_pronto", "/dev/ramdump_pronto"},
-    {"ramdump_venus", "/dev/ramdump_venus"},
-    {"ramdump_smem", "/dev/ramdump_smem"},
     {"coresight-tmc-etf", "/dev/coresight-tmc-etf"},
     {"coresight-tmc-etr", "/dev/coresight-tmc-etr"},
     {"byte-cntr", "/dev/byte-cntr"},
@@ -65,6 +65,10 @@ std::vector<std::string> words(std::string_view line, size_t max) {
     return out;
 }
 
+std::string ramdump_path(const std::string &subsys) {
+    return "/dev/ramdump_" + subsys;
+}
+
 bool number(const std::string &s, unsigned long long *v) {
     if (s.empty())
         return false;
@@ -84,8 +88,13 @@ std::string sim_control_path(const std::string &root) {
 }
 
 void remove_sim_links(const std::string &root) {
-    for (const SimLink &l : kSimLinks) {
-        std::string host = root + l.path;
+    std::vector<std::string> paths;
+    for (const SimLink &l : kSimLinks)
+        paths.push_back(l.path);
+    for (const std::string &s : kSimSubsystems)
+        paths.push_back(ramdump_path(s));
+    for (const std::string &path : paths) {
+        std::string host = root + path;
         std::error_code ec;
         if (fs::is_symlink(fs::symlink_status(host, ec)))
             unlink(host.c_str());
@@ -98,8 +107,10 @@ std::string gpu_snapshot_bytes(int n) {
 }
 
 SimPhone::SimPhone(std::string root) : root_(std::move(root)) {
-    for (const std::string &s : kSimSubsystems)
-        ramdumps_[s] = fs_.add<RamdumpDevice>("ramdump_" + s);
+    size_t count =
+        std::min(static_cast<size_t>(device_root_ramdumps(root_)), kSimSubsystems.size());
+    for (size_t i = 0; i < count; i++)
+        ramdumps_[kSimSubsystems[i]] = fs_.add<RamdumpDevice>("ramdump_" + kSimSubsystems[i]);
     fs_.add<BlobDevice>("coresight-tmc-etf", trace_bytes(kEtfSize));
     fs_.add<BlobDevice>("coresight-tmc-etr", trace_bytes(kEtrSize));
     trace_ = fs_.add<TraceDevice>("byte-cntr");
@@ -121,11 +132,16 @@ bool SimPhone::up(std::string *err) {
     fs::create_directories(sim_mount_dir(root_), ec);
     if (!fs_.mount(sim_mount_dir(root_), err))
         return false;
-    for (const SimLink &l : kSimLinks) {
-        std::string host = root_ + l.path;
+    std::vector<std::pair<std::string, std::string>> links;  // device, path
+    for (const SimLink &l : kSimLinks)
+        links.emplace_back(l.device, l.path);
+    for (const auto &[subsys, dev] : ramdumps_)
+        links.emplace_back(dev->name(), ramdump_path(subsys));
+    for (const auto &[device, path] : links) {
+        std::string host = root_ + path;
         fs::create_directories(fs::path(host).parent_path(), ec);
         std::string target =
-            fs::relative(sim_mount_dir(root_) + "/" + l.device, fs::path(host).parent_path(), ec)
+            fs::relative(sim_mount_dir(root_) + "/" + device, fs::path(host).parent_path(), ec)
                 .string();
         unlink(host.c_str());
         if (symlink(target.c_str(), host.c_str()) != 0) {
@@ -163,13 +179,18 @@ int SimPhone::command(std::string_view line) {
         auto dev = ramdumps_.find(w[1]);
         if (dev == ramdumps_.end() || !number(w[2], &v) || v == 0 || v > (1ull << 30))
             return -EINVAL;
-        dev->second->inject(ramdump_bytes(w[1], static_cast<size_t>(v), w[3] == "1"));
+        dev->second->inject(w[1], v, w[3] == "1");
         return 0;
     }
     if (w[0] == "gpu-hang" && w.size() == 1) {
         int n = stamp_->get() + 1;
         snapshot_->set(gpu_snapshot_bytes(n));
         stamp_->set(n);
+        return 0;
+    }
+    if (w[0] == "gpu-hang" && w.size() == 2 && w[1] == "same") {
+        // The driver notifies without a new snapshot: the timestamp stays.
+        stamp_->set(stamp_->get());
         return 0;
     }
     if (w[0] == "trace" && w.size() == 2 && number(w[1], &v)) {

@@ -21,13 +21,15 @@ class TraceDevice;
 class RamdumpDevice;
 class LoggerDevice;
 
-// Where a device of the file system appears in the device root.
+// Where a device of the file system appears in the device root, besides the
+// ramdump devices ("ramdump_<subsystem>" at "/dev/ramdump_<subsystem>").
 struct SimLink {
     const char *device;  // name in the file system
     const char *path;    // device path
 };
 extern const std::vector<SimLink> kSimLinks;
-// The subsystems that have a ramdump device ("ramdump_" + name).
+// The subsystems that can have a ramdump device: a phone has the first N
+// (vornsim create --ramdumps N), five unless asked otherwise.
 extern const std::vector<std::string> kSimSubsystems;
 
 class SimPhone {
@@ -48,7 +50,7 @@ class SimPhone {
   private:
     std::string root_;
     SimDevFs fs_;
-    std::map<std::string, RamdumpDevice *> ramdumps_;  // by subsystem
+    std::map<std::string, RamdumpDevice *> ramdumps_;  // by subsystem, those of this phone
     std::map<std::string, LoggerDevice *> loggers_;    // by buffer
     KgslStamp *stamp_ = nullptr;
     BlobDevice *snapshot_ = nullptr;
@@ -60,7 +62,8 @@ class SimPhone {
 // The mount point and control file of a root.
 std::string sim_mount_dir(const std::string &root);
 std::string sim_control_path(const std::string &root);
-// Removes the links into the file system (what up() made).
+// Removes the links into the file system (what up() made, for any number of
+// ramdump devices).
 void remove_sim_links(const std::string &root);
 // The snapshot kgsl holds after hang number n.
 std::string gpu_snapshot_bytes(int n);

@@ -22,13 +22,15 @@ namespace {
 const char kUsage[] =
     "usage: vornsim COMMAND DIR [OPTIONS]\n"
     "  create DIR [--platform msm8974|msm8226|msm8916|msm8994|msm8996] [--cpus N]\n"
-    "                             make a device root for vornd --root DIR\n"
+    "             [--ramdumps N]  make a device root for vornd --root DIR (N ramdump\n"
+    "                             devices, 1 to 16, default 5)\n"
     "  up DIR                     mount the device file system, start the services\n"
     "  down DIR                   undo up (also after a crash, or when not up)\n"
     "  status DIR                 the running phone's state and what its services received\n"
     "  run DIR [--vornd PATH]     up, vornd --root DIR in the foreground, down at Ctrl-C\n"
-    "  crash DIR SUBSYS [--size N] [--elf]   a ramdump (adsp, modem, pronto, venus, smem)\n"
-    "  gpu-hang DIR               a new kgsl snapshot\n"
+    "  crash DIR SUBSYS [--size N] [--elf]   a ramdump (adsp, modem, pronto, venus, smem,\n"
+    "                             then cdsp, slpi, spss, ... on a phone with more)\n"
+    "  gpu-hang DIR [--same]      a new kgsl snapshot (--same: a notification, same timestamp)\n"
     "  trace DIR --rate MIBPS     QDSS trace at this rate (0 stops it)\n"
     "  overflow DIR               the next QDSS trace read fails with EIO\n"
     "  log DIR BUFFER PRIO TAG MESSAGE   an entry for logd and the logger device\n"
@@ -64,11 +66,6 @@ int inject(const std::string &root, const std::string &line) {
     return 0;
 }
 
-volatile sig_atomic_t g_stop = 0;
-void on_stop(int) {
-    g_stop = 1;
-}
-
 std::string self_dir() {
     char buf[4096];
     ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
@@ -81,19 +78,25 @@ std::string self_dir() {
 int run(const std::string &root, std::string vornd) {
     if (vornd.empty())
         vornd = self_dir() + "/vornd";
+    // Ctrl-C and SIGTERM are taken by sigwait below and passed on to the
+    // daemon. Blocked from here on, one that comes while the phone comes up
+    // or before the wait begins stays pending instead of being lost.
+    sigset_t stop, old;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &stop, &old);
     std::string err, note;
-    if (sim_up(root, &err) != 0)
+    if (sim_up(root, &err) != 0) {
+        sigprocmask(SIG_SETMASK, &old, nullptr);
         return fail(err);
+    }
     fprintf(stderr, "vornsim: %s is up; vornd --root %s (Ctrl-C stops both)\n", root.c_str(),
             root.c_str());
-    struct sigaction sa {};
-    sa.sa_handler = on_stop;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        signal(SIGINT, SIG_DFL);
-        signal(SIGTERM, SIG_DFL);
+        sigprocmask(SIG_SETMASK, &old, nullptr);
         std::string path = root + "/system/bin:" + (getenv("PATH") ? getenv("PATH") : "/bin");
         setenv("PATH", path.c_str(), 1);
         execl(vornd.c_str(), vornd.c_str(), "--root", root.c_str(), static_cast<char *>(nullptr));
@@ -101,11 +104,13 @@ int run(const std::string &root, std::string vornd) {
         _exit(127);
     }
     int status = 0;
-    if (pid > 0) {
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            if (g_stop)
-                kill(pid, SIGTERM);
-        }
+    while (pid > 0) {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR))
+            break;
+        int sig = 0;
+        if (sigwait(&stop, &sig) == 0 && sig != SIGCHLD)
+            kill(pid, SIGTERM);
     }
     sim_down(root, &note);
     fprintf(stderr, "vornsim: %s\n", note.c_str());
@@ -138,14 +143,19 @@ int main(int argc, char **argv) {
                      to_number(rest[i + 1].c_str(), &v) && v >= 1 && v <= 8) {
                 spec.cpus = static_cast<int>(v);
                 i++;
+            } else if (rest[i] == "--ramdumps" && i + 1 < rest.size() &&
+                       to_number(rest[i + 1].c_str(), &v) && v >= 1 &&
+                       v <= static_cast<long long>(kSimSubsystems.size())) {
+                spec.ramdumps = static_cast<int>(v);
+                i++;
             } else
                 return usage();
         }
         std::string err;
         if (!create_device_root(root, spec, &err))
             return fail(err);
-        printf("vornsim: device root %s (%s, %d cpus)\n", root.c_str(), spec.platform.c_str(),
-               spec.cpus);
+        printf("vornsim: device root %s (%s, %d cpus, %d ramdump devices)\n", root.c_str(),
+               spec.platform.c_str(), spec.cpus, spec.ramdumps);
         return 0;
     }
     if (cmd == "up" && rest.empty()) {
@@ -196,6 +206,8 @@ int main(int argc, char **argv) {
     }
     if (cmd == "gpu-hang" && rest.empty())
         return inject(root, "gpu-hang");
+    if (cmd == "gpu-hang" && rest.size() == 1 && rest[0] == "--same")
+        return inject(root, "gpu-hang same");
     if (cmd == "overflow" && rest.empty())
         return inject(root, "overflow");
     if (cmd == "trace" && rest.size() == 2 && rest[0] == "--rate") {

@@ -161,6 +161,34 @@ TEST_F(LogWriterTest, RollOversInOneSecondKeepEveryFile) {
     GTEST_SKIP() << "never got four roll-overs within one second";
 }
 
+// The writer numbers a second's files from the last number it used; a name
+// someone else took in that second is stepped over, after the highest taken.
+TEST_F(LogWriterTest, NameTakenInTheSameSecondIsSteppedOver) {
+    for (int attempt = 0; attempt < 3; attempt++) {
+        open("Taken/taken", 100);
+        next_second();
+        time_t start = time(nullptr);
+        ASSERT_EQ(write(std::string(11, '1')), 11);  // opens this second's plain name
+        std::string plain = capture_root().at(path);
+        write_file(plain + "_0001", "not ours");
+        write_file(plain + "_0003", "not ours either");
+        ASSERT_EQ(write(std::string(11, '2')), 11);
+        std::string fourth = capture_root().at(path);
+        ASSERT_EQ(write(std::string(11, '3')), 11);
+        std::string fifth = capture_root().at(path);
+        if (time(nullptr) != start) {  // crossed a second: try again
+            close_log_file(&file);
+            continue;
+        }
+        EXPECT_EQ(fourth, plain + "_0004");
+        EXPECT_EQ(fifth, plain + "_0005");
+        EXPECT_EQ(read_file(plain + "_0001"), "not ours");
+        EXPECT_EQ(read_file(plain + "_0003"), "not ours either");
+        return;
+    }
+    GTEST_SKIP() << "never got three roll-overs within one second";
+}
+
 TEST_F(LogWriterTest, FilepathWithoutSlashWritesThenFailsItsFirstRollOver) {
     open("flat", 1000);
     EXPECT_EQ(write(std::string(60, 'f')), 60);

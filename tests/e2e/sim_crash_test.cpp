@@ -1,9 +1,10 @@
 // A tester's day on a simulated phone, one daemon start: a modem crash yields
 // its ramdump and the trace-sink dumps, an external modem's removal and
 // return copy its dump folder, a GPU hang yields the snapshot and the "ZIP
-// GPU" notice, remote trace reaches the modem's QMI service, and an app's log
-// line reaches the logd capture file; and, on an older phone, the kernel
-// logger devices.
+// GPU" notice (a notification with the same timestamp yields nothing),
+// remote trace reaches the modem's QMI service, and an app's log line
+// reaches the logd capture file; and, on an older phone, the kernel logger
+// devices and a collector facing eleven ramdump devices.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -100,6 +101,16 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
               std::string::npos)
         << notice;
 
+    // kgsl notifies again with the same timestamp: the monitor wakes, finds
+    // nothing new and polls again; no snapshot, no notice.
+    size_t mark = d.log_mark();
+    size_t notices = d.broadcasts().size();
+    ASSERT_EQ(d.vornsim({"gpu-hang", d.path(), "--same"}).exit_status, 0);
+    ASSERT_FALSE(d.wait_for_log("gpu: start to poll", 10000, mark).empty()) << d.log(mark);
+    EXPECT_EQ(d.files("/sdcard/logs/GPU/dump", "dump_").size(), 1u);
+    EXPECT_EQ(d.broadcasts().size(), notices);
+    EXPECT_TRUE(d.log_lines("hang detected", mark).empty()) << d.log(mark);
+
     // Switched off, the GPU node lets a hang pass without a snapshot.
     ASSERT_EQ(d.vornctl({"disable", "GPU"}).exit_status, 0);
     ASSERT_TRUE(wait_until(
@@ -145,16 +156,21 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
 
 namespace {
 
-// Before API level 20 the Android buffers are kernel logger devices: the
-// device-node reader takes one entry per read and formats it.
-TEST(SimLoggerTest, EntriesBecomeLinesOnAnOldPlatform) {
+// An older phone, one daemon start: before API level 20 the Android buffers
+// are kernel logger devices, whose reader takes one entry per read and
+// formats it; and with eleven ramdump devices the collector gives up, as it
+// keeps at most ten.
+TEST(SimOldPhoneTest, LoggerEntriesBecomeLinesAndElevenRamdumpsAreTooMany) {
     SimDaemonFixture d;
-    ASSERT_EQ(d.vornsim({"create", d.path(), "--platform", "msm8974"}).exit_status, 0);
+    ASSERT_EQ(
+        d.vornsim({"create", d.path(), "--platform", "msm8974", "--ramdumps", "11"}).exit_status,
+        0);
     if (!d.sim_up())
         GTEST_SKIP() << d.skip_reason();
     d.write_config(
         "<vornconf version=\"1.0\">\n"
         "  <global enable=\"1\" log_path=\"/sdcard/logs/\"/>\n"
+        "  <ssr logname=\"ssr\" enable=\"1\" logtype=\"32\"/>\n"
         "  <AdbRadio logname=\"AdbRadio\" enable=\"1\" logtype=\"2\" size=\"1048576\" "
         "log_provider=\"/dev/log/radio\" log_filepath=\"Adb/radio\"/>\n"
         "</vornconf>\n");
@@ -177,6 +193,11 @@ TEST(SimLoggerTest, EntriesBecomeLinesOnAnOldPlatform) {
     EXPECT_NE(text.find("): first\n"), std::string::npos) << text;
     EXPECT_NE(text.find("W/RILJ    (", first + 1), std::string::npos) << text;
     EXPECT_LT(text.find("): second\n"), text.find("E/RILJ    (")) << text;
+
+    size_t next = 0;
+    ASSERT_FALSE(d.wait_for_log("Exceed max pil number", 10000, 0, &next).empty()) << d.log();
+    EXPECT_FALSE(d.wait_for_log("Failed to find pil ramdump", 10000, next).empty()) << d.log();
+    EXPECT_TRUE(d.log_lines("subsystem ramdump start").empty()) << d.log();
 }
 
 }  // namespace

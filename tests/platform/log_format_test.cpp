@@ -1,5 +1,6 @@
 // The host logger's threadtime lines: layout, cutting, several lines in one
-// message, and the ids after a fork.
+// message, the ids after a fork, and lines kept in a batch.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -105,6 +106,76 @@ TEST(LogFormat, StderrLoggerPrintsEachLineOfAMessageWithItsHeader) {
         ASSERT_NE(at, std::string::npos) << lines[i];
         EXPECT_EQ(lines[i].substr(at + 13), std::string(texts[i])) << lines[i];
     }
+}
+
+// What a pipe standing in for stderr holds now (nothing blocks).
+class StderrPipe {
+  public:
+    StderrPipe() {
+        EXPECT_EQ(pipe2(fds_, O_NONBLOCK), 0);
+        fcntl(fds_[1], F_SETPIPE_SZ, 1 << 20);
+        saved_ = dup(STDERR_FILENO);
+        dup2(fds_[1], STDERR_FILENO);
+    }
+    ~StderrPipe() {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        close(fds_[0]);
+        close(fds_[1]);
+    }
+    std::string take() {
+        std::string out;
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(fds_[0], buf, sizeof buf)) > 0)
+            out.append(buf, static_cast<size_t>(n));
+        return out;
+    }
+
+  private:
+    int fds_[2];
+    int saved_;
+};
+
+// The text after the header of each line.
+std::vector<std::string> texts_of(const std::string &out) {
+    std::vector<std::string> texts;
+    for (size_t at = 0, nl; (nl = out.find('\n', at)) != std::string::npos; at = nl + 1) {
+        size_t colon = out.find(" : ", at);
+        texts.push_back(colon < nl ? out.substr(colon + 3, nl - colon - 3) : "?");
+    }
+    return texts;
+}
+
+TEST(LogFormat, BatchWritesItsLinesAtItsEndInOrderAndHoldsNoOtherThreads) {
+    StderrPipe err;
+    __android_logger_data data{sizeof data, LOG_ID_SYSTEM, ANDROID_LOG_DEBUG, "vornd", nullptr, 0};
+    std::string big(4050, 'b');  // a line that fits only an empty batch
+    {
+        vorn_log_batch batch;
+        vorn_log_stderr_logger(&data, "one");
+        vorn_log_stderr_logger(&data, "two\nthree");
+        std::thread([&] { vorn_log_stderr_logger(&data, "other thread"); }).join();
+        EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"other thread"});
+        // Past the batch's room: what was kept goes first, then this line.
+        vorn_log_stderr_logger(&data, big.c_str());
+        EXPECT_EQ(texts_of(err.take()), (std::vector<std::string>{"one", "two", "three", big}));
+        vorn_log_stderr_logger(&data, "four");
+        EXPECT_EQ(err.take(), "");
+    }
+    EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"four"});
+    {
+        vorn_log_batch outer;
+        vorn_log_stderr_logger(&data, "outer");
+        {
+            vorn_log_batch inner;
+            vorn_log_stderr_logger(&data, "inner");
+        }
+        vorn_log_stderr_logger(&data, "outer again");
+    }
+    EXPECT_EQ(texts_of(err.take()), (std::vector<std::string>{"outer", "inner", "outer again"}));
+    vorn_log_stderr_logger(&data, "after");
+    EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"after"});
 }
 
 }  // namespace

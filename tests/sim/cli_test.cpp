@@ -1,10 +1,14 @@
 // vornsim as a user runs it: the device root it creates, up and down with
 // their faults (twice, never up, after the server died), injections into a
-// root that is not up, and the diag_bridge uevent on the kernel's group.
+// root that is not up, a phone with more ramdump devices, run stopped by
+// SIGTERM, and the diag_bridge uevent on the kernel's group.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -30,8 +34,12 @@ ProcessResult vornsim(const std::vector<std::string> &args) {
 
 TEST(VornsimCliTest, CreateMakesARootForThePlatform) {
     TempRoot r;
+    r.write("/proc/1/status", "a folder older roots had\n");
     ProcessResult res = vornsim({"create", r.path(), "--platform", "msm8974", "--cpus", "2"});
     ASSERT_EQ(res.exit_status, 0) << res.err;
+    // The host's processes, for the exec worker's scan of its command's children.
+    EXPECT_NE(r.read("/proc/" + std::to_string(getpid()) + "/status").find("PPid:"),
+              std::string::npos);
     std::string conf = r.read("/etc/vorn-conf.xml");
     for (const char *row :
          {"ssr", "GPU", "DynamicDebug", "Bluetooth", "AdbMain", "AdbRadio", "AdbEvents", "Dmesg",
@@ -103,6 +111,75 @@ TEST(VornsimCliTest, UpAndDownSurviveRepeatsAndADeadServer) {
     EXPECT_NE(run.err.find("is down"), std::string::npos) << run.err;
     EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
     EXPECT_LT(sim_server_pid(r.path()), 0);
+}
+
+TEST(VornsimCliTest, ElevenRamdumpDevicesComeAndGoWithThePhone) {
+    std::string why;
+    if (!fuse_usable(&why))
+        GTEST_SKIP() << "FUSE cannot mount here: " << why;
+    TempRoot r;
+    EXPECT_EQ(vornsim({"create", r.path(), "--ramdumps", "0"}).exit_status, 2);
+    EXPECT_EQ(vornsim({"create", r.path(), "--ramdumps", "17"}).exit_status, 2);
+    ASSERT_EQ(vornsim({"create", r.path(), "--ramdumps", "11"}).exit_status, 0);
+    ASSERT_EQ(vornsim({"up", r.path()}).exit_status, 0);
+    // The five of every phone, then cdsp, slpi, spss, ipa_fws, wcnss, lpass.
+    for (const char *s : {"adsp", "smem", "cdsp", "lpass"})
+        EXPECT_TRUE(r.exists(std::string("/dev/ramdump_") + s)) << s;
+    EXPECT_FALSE(r.exists("/dev/ramdump_gss"));
+    EXPECT_EQ(vornsim({"crash", r.path(), "lpass", "--size", "10"}).exit_status, 0);
+    ProcessResult none = vornsim({"crash", r.path(), "gss"});
+    EXPECT_EQ(none.exit_status, 1);
+    EXPECT_NE(none.err.find("rejected"), std::string::npos) << none.err;
+    EXPECT_NE(vornsim({"status", r.path()}).out.find("ramdump_lpass pending 1"), std::string::npos);
+    ASSERT_EQ(vornsim({"down", r.path()}).exit_status, 0);
+    EXPECT_FALSE(r.exists("/dev/ramdump_lpass"));
+    EXPECT_FALSE(r.exists("/dev/ramdump_adsp"));
+}
+
+// vornsim run passes SIGTERM on to the daemon whenever it comes, even while
+// the phone is still coming up, and takes the phone down after it.
+TEST(VornsimCliTest, SigtermStopsRunAtAnyMoment) {
+    std::string why;
+    if (!fuse_usable(&why))
+        GTEST_SKIP() << "FUSE cannot mount here: " << why;
+    TempRoot r;
+    ASSERT_EQ(vornsim({"create", r.path()}).exit_status, 0);
+    r.write("/stand-in", "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/started\"\nexec sleep 60\n");
+    chmod(r.at("/stand-in").c_str(), 0755);
+    std::string bin = build_binary("vornsim");
+    for (bool early : {true, false}) {
+        unlink(r.at("/started").c_str());
+        pid_t pid = fork();
+        if (pid == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl(bin.c_str(), bin.c_str(), "run", r.path().c_str(), "--vornd",
+                  r.at("/stand-in").c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        ASSERT_GT(pid, 0);
+        if (!early)
+            ASSERT_TRUE(wait_until([&] { return r.exists("/started"); }, 10000));
+        else
+            usleep(5000);  // started, the phone not yet up
+        kill(pid, SIGTERM);
+        int status = 0;
+        bool ended = false;
+        wait_until([&] { return ended = ended || waitpid(pid, &status, WNOHANG) == pid; }, 10000);
+        if (!ended) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        EXPECT_TRUE(ended) << (early ? "early" : "late");
+        EXPECT_FALSE(is_mount_point(sim_mount_dir(r.path())));
+        EXPECT_LT(sim_server_pid(r.path()), 0);
+        if (r.exists("/started")) {
+            pid_t daemon = atoi(r.read("/started").c_str());
+            EXPECT_TRUE(wait_until([&] { return kill(daemon, 0) != 0; }, 5000));
+        }
+        vornsim({"down", r.path()});
+    }
 }
 
 TEST(VornsimCliTest, UeventReachesTheKernelGroup) {

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -68,6 +69,12 @@ std::string read_to_eof(int fd) {
 
 void no_op(int) {}
 
+long resident_kib() {
+    std::string status = read_file("/proc/self/status");
+    size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? 0 : atol(status.c_str() + at + 6);
+}
+
 TEST_F(DevicesTest, RamdumpBlocksStreamsEndsAndQueuesACrashDuringARead) {
     unique_fd fd = open_dev("/dev/ramdump_modem");
     ASSERT_TRUE(fd.valid());
@@ -99,12 +106,21 @@ TEST_F(DevicesTest, RamdumpBlocksStreamsEndsAndQueuesACrashDuringARead) {
     EXPECT_EQ(read_to_eof(fd.get()), ramdump_bytes("modem", 1000, false));
     EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
 
+    // A 1 GiB dump is made as it is read, not held.
+    long rss = resident_kib();
+    ASSERT_EQ(cmd("crash modem 1073741824 0"), 0);
+    char head[8];
+    ASSERT_EQ(read(fd.get(), head, sizeof head), 8);
+    EXPECT_EQ(std::string(head, 8), ramdump_bytes("modem", 8, false));
+    EXPECT_LT(resident_kib() - rss, 64 * 1024);
+
     // Another device is untouched; bad injections are refused.
     unique_fd adsp = open_dev("/dev/ramdump_adsp");
     EXPECT_EQ(poll_once(adsp.get(), POLLIN, 0), 0);
     EXPECT_EQ(cmd("crash nosuch 10 0"), -EINVAL);
     EXPECT_EQ(cmd("crash modem 0 0"), -EINVAL);
     EXPECT_EQ(cmd("crash modem -5 0"), -EINVAL);
+    EXPECT_EQ(cmd("crash modem 1073741825 0"), -EINVAL);
     EXPECT_EQ(cmd("explode"), -EINVAL);
 }
 
@@ -151,6 +167,15 @@ TEST_F(DevicesTest, KgslTimestampWakesPollOnlyOnAChange) {
     EXPECT_EQ(poll_once(fd.get(), POLLPRI | POLLERR, 50), 0);  // read: seen
 
     unique_fd dump = open_dev("/sys/class/kgsl/kgsl-3d0/snapshot/dump");
+    EXPECT_EQ(read_to_eof(dump.get()), gpu_snapshot_bytes(1));
+
+    // A notification without a new hang: poll wakes, the timestamp and the
+    // snapshot stay.
+    ASSERT_EQ(cmd("gpu-hang same"), 0);
+    EXPECT_EQ(poll_once(fd.get(), POLLPRI | POLLERR, 1000), POLLPRI | POLLERR);
+    EXPECT_EQ(pread(fd.get(), buf, sizeof buf, 0), 2);
+    EXPECT_EQ(std::string(buf, 2), "1\n");
+    dump = open_dev("/sys/class/kgsl/kgsl-3d0/snapshot/dump");
     EXPECT_EQ(read_to_eof(dump.get()), gpu_snapshot_bytes(1));
 }
 
