@@ -38,15 +38,19 @@ vorn_reply_kind query_node(vorn_ctrl_msg *msg) {
         VLOGE("Can't find valid index for logname (%s)", name);
         return VORN_REPLY_NONE;
     }
-    // Read without the node lock: a reply may mix fields of two changes.
-    const vorn_node *node = &vorn_nodes[idx];
-    msg->logid = node->logid;
-    msg->enable = node->enable;
-    msg->loglevel = node->loglevel;
-    msg->time = node->time;
-    msg->size = node->size;
-    vorn_msg_put_text(msg->logname, sizeof msg->logname, node->logname);
-    vorn_msg_put_text(msg->mask, sizeof msg->mask, node->mask);
+    // Under the node's lock, so that a reply never mixes two changes (a mask
+    // half old, half new); a change holds it only while it is applied.
+    vorn_node *node = &vorn_nodes[idx];
+    {
+        vorn_node_guard guard(node);
+        msg->logid = node->logid;
+        msg->enable = node->enable;
+        msg->loglevel = node->loglevel;
+        msg->time = node->time;
+        msg->size = node->size;
+        vorn_msg_put_text(msg->logname, sizeof msg->logname, node->logname);
+        vorn_msg_put_text(msg->mask, sizeof msg->mask, node->mask);
+    }
     msg->msg_type |= VORN_MSG_REPLY;
     dump_fields(msg);
     return VORN_REPLY_MSG;
