@@ -134,8 +134,8 @@ TEST_F(SsrCollector, DumpsEachCrashAndStopsItsSideThreads) {
                               "ELF");
     ASSERT_EQ(write(modem, elf.data(), elf.size()), static_cast<ssize_t>(elf.size()));
     close(modem);
-    ASSERT_TRUE(wait_until([&] { return log.has_containing("etf ramdump saved"); }, 5000));
-    ASSERT_TRUE(wait_until([&] { return log.has_containing("ramdump_modem hung up"); }, 5000));
+    ASSERT_TRUE(wait_until([&] { return log.has_containing("etf ramdump saved"); }, 20000));
+    ASSERT_TRUE(wait_until([&] { return log.has_containing("ramdump_modem hung up"); }, 20000));
     std::string dump = only_entry(RAMDUMP_FOLDER, "ramdump_modem-");
     ASSERT_NE(dump, "");
     EXPECT_EQ(dump.substr(dump.size() - 4), ".elf");
