@@ -19,6 +19,7 @@
 #include "core/command_line.h"
 #include "core/gbl_config.h"
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -153,18 +154,19 @@ int exec_cycle(exec_worker *w) {
         return 0;
     }
 
-    pthread_mutex_lock(&gbl_config_mutex);
-    const char *filepath = node->log_filepath ? node->log_filepath : "";
-    size_t size = strlen(gbl_config.log_path) + strlen(filepath) + 2;
-    char *log_path = static_cast<char *>(malloc(size));
-    if (log_path == nullptr) {
-        VLOGE("no space for log_path in capture_exec()!");
-        pthread_mutex_unlock(&gbl_config_mutex);
-        pthread_mutex_unlock(&node->lock);
-        return -1;
+    unique_malloc<char> log_path;
+    {
+        gbl_config_guard g;
+        const char *filepath = node->log_filepath ? node->log_filepath : "";
+        size_t size = strlen(gbl_config.log_path) + strlen(filepath) + 2;
+        log_path.reset(static_cast<char *>(malloc(size)));
+        if (!log_path) {
+            VLOGE("no space for log_path in capture_exec()!");
+            pthread_mutex_unlock(&node->lock);
+            return -1;
+        }
+        snprintf(log_path.get(), size, "%s/%s", gbl_config.log_path, filepath);
     }
-    snprintf(log_path, size, "%s/%s", gbl_config.log_path, filepath);
-    pthread_mutex_unlock(&gbl_config_mutex);
 
     char mask[VORN_MASK_LEN];
     snprintf(mask, sizeof mask, "%s", node->mask);
@@ -177,8 +179,8 @@ int exec_cycle(exec_worker *w) {
 
     // The program sees host paths: the output path and any absolute mask
     // path are resolved under the root.
-    std::string path = vorn_path(log_path);
-    free(log_path);
+    std::string path = vorn_path(log_path.get());
+    log_path.reset();
     // Paths stay one word on the command line; the mask is an option string
     // and goes in as it is, so it may hold no shell syntax (a mask saved by
     // an older daemon is checked here too).

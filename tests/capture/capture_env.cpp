@@ -48,10 +48,9 @@ std::string top_dir(const std::string &log_root) {
 std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size) {
     static int counter = 0;
     std::string root = "/" + tag + "-" + std::to_string(++counter) + "/logs/";
-    pthread_mutex_lock(&gbl_config_mutex);
+    gbl_config_guard g;
     snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", root.c_str());
     gbl_config.size = global_size;
-    pthread_mutex_unlock(&gbl_config_mutex);
     return capture_root().at(root + dir);
 }
 

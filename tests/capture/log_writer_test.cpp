@@ -159,6 +159,19 @@ TEST_F(LogWriterTest, FilepathWithoutSlashWritesThenFailsItsFirstRollOver) {
     EXPECT_EQ(file_at(dir, 0), std::string(60, 'f') + std::string(60, 'g'));
 }
 
+// A failed open gives gbl_config_mutex back: held, it would stop every other
+// worker and the socket thread's log-path change.
+TEST_F(LogWriterTest, FailedOpenLetsTheGlobalLockGo) {
+    std::string root = device_log_root("blocked");
+    block_log_root(root);
+    node = make_node("Default", VORN_KIND_PIPE, "true", "B/b", 0);
+    EXPECT_EQ(open_log_file(node, &file, path), -1);
+    unblock_log_root(root);
+    EXPECT_TRUE(log.has_containing("Failed to create the directory"));
+    ASSERT_EQ(pthread_mutex_trylock(&gbl_config_mutex), 0);
+    pthread_mutex_unlock(&gbl_config_mutex);
+}
+
 // A removed log root is noticed at the first write of a later second: that
 // write already goes into a new file under the directory made again.
 TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextWrite) {
