@@ -37,8 +37,10 @@ int get_text_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name, void *de
 // attributes.
 void vorn_config_fill_global(xmlNodePtr global);
 
-// Fills the node record of slot k from element el with global as fallback, in
-// the specified order; sets pending_change. Does not bind ops.
+// Fills the node record of slot k from element el with global as fallback:
+// enable, loglevel, time, size and logtype in that order (each is stored as a
+// whole 32-bit value at its field, so the order decides which bytes win),
+// then the texts; sets pending_change. Does not bind ops.
 void vorn_config_fill_node(vorn_node *node, int slot, xmlNodePtr el, xmlNodePtr global);
 
 // Chooses between the working and the system copy (version check, revert by

@@ -160,7 +160,7 @@ TEST_F(ConfigTest, NodeFieldEffects) {
     EXPECT_STREQ(c.log_provider, "cat");
 }
 
-TEST_F(ConfigTest, BadInputTakesTheSpecifiedPaths) {
+TEST_F(ConfigTest, BadOrHugeInputFailsStartUpOrLoadsWhatParsed) {
     std::string many;
     for (int i = 0; i < 300; i++)
         many += pipe_node("n" + std::to_string(i));
