@@ -83,11 +83,10 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
         VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(ENAMETOOLONG));
         return -1;
     }
-    FILE *fp = fopen(vorn_path(name).c_str(), "ae");
-    if (fp == nullptr) {
+    unique_file fp(fopen(vorn_path(name).c_str(), "ae"));
+    if (!fp) {
         VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(errno));
         return -1;
     }
-    fclose(fp);
     return 0;
 }

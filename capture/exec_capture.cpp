@@ -57,19 +57,19 @@ char *exec_build_command(const char *tmpl, const char *path, const char *mask,
 }
 
 int exec_scan_children(const char *proc_dir, pid_t parent, pid_t *children) {
-    DIR *dir = opendir(proc_dir);
-    if (dir == nullptr)
+    unique_dir dir(opendir(proc_dir));
+    if (!dir)
         return -1;
     int count = 0;
-    while (dirent *de = readdir(dir)) {
+    while (dirent *de = readdir(dir.get())) {
         if (strcmp(de->d_name, "..") == 0 || !isdigit(static_cast<unsigned char>(de->d_name[0])))
             continue;
         std::string status = std::string(proc_dir) + "/" + de->d_name + "/status";
-        FILE *f = fopen(status.c_str(), "re");
-        if (f == nullptr)
+        unique_file f(fopen(status.c_str(), "re"));
+        if (!f)
             continue;
         char line[256];
-        while (fgets(line, sizeof line, f)) {
+        while (fgets(line, sizeof line, f.get())) {
             if (strncmp(line, "PPid", 4) != 0)
                 continue;
             int ppid;
@@ -79,10 +79,8 @@ int exec_scan_children(const char *proc_dir, pid_t parent, pid_t *children) {
             }
             break;
         }
-        fclose(f);
     }
     children[count] = 0;
-    closedir(dir);
     return count;
 }
 
