@@ -228,11 +228,10 @@ TEST_F(ConfigTest, AKilledSaveLeavesTheOldOrTheNewFile) {
         usleep(1000 + rng() % 30000);
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
-        xmlDocPtr doc;
+        unique_xml_doc doc;
         xmlNodePtr r;
         ASSERT_EQ(read_xml_file(VORN_WORK_CONF, &doc, &r), 0) << "round " << round;
         EXPECT_EQ(xmlChildElementCount(r), 3001u) << "round " << round;
-        xmlFreeDoc(doc);
     }
 }
 
