@@ -23,7 +23,9 @@ namespace {
 
 // A client that connects and sends nothing is closed after this long.
 constexpr long kReceiveTimeoutMs = 5000;
-// Connections held open at once; more wait in the listen backlog.
+// Connections held open at once. At the limit a new connection closes the
+// oldest held one: the listener never rests, so silent clients cannot keep
+// a query waiting.
 constexpr size_t kMaxClients = 64;
 
 struct client {
@@ -48,7 +50,9 @@ ssize_t send_reply(int fd, const vorn_ctrl_msg *msg) {
 }
 
 // Accepts one connection; false when there was none to take after all.
-bool accept_client(int listen_fd, std::vector<client> *clients) {
+// *added tells whether it was kept (it is then the last of clients).
+bool accept_client(int listen_fd, std::vector<client> *clients, bool *added) {
+    *added = false;
     // Close-on-exec: shell commands started by workers must not inherit the
     // connection and keep it open after we close it.
     int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -70,6 +74,13 @@ bool accept_client(int listen_fd, std::vector<client> *clients) {
         return true;
     }
     clients->push_back({std::move(conn), now_ms() + kReceiveTimeoutMs});
+    *added = true;
+    if (clients->size() > kMaxClients) {
+        // Every held connection is silent (one that sent is served at once),
+        // and the oldest has had the longest to speak.
+        clients->erase(clients->begin());
+        VLOGE("Closed the oldest silent connection: %zu connections held\n", kMaxClients);
+    }
     return true;
 }
 
@@ -118,8 +129,7 @@ void vornd_serve(int listen_fd) {
     std::vector<struct pollfd> fds;
     for (;;) {
         fds.clear();
-        // At the connection limit the listening socket rests until one ends.
-        fds.push_back({clients.size() < kMaxClients ? listen_fd : -1, POLLIN, 0});
+        fds.push_back({listen_fd, POLLIN, 0});
         long now = now_ms(), wait = -1;
         for (const client &c : clients) {
             fds.push_back({c.fd.get(), POLLIN, 0});
@@ -147,12 +157,11 @@ void vornd_serve(int listen_fd) {
         std::erase_if(clients, [](const client &c) { return !c.fd.valid(); });
         // Anything on the listening socket (an error too) is for accept to report.
         if (ready > 0 && fds[0].revents != 0) {
-            for (size_t held = clients.size();
-                 clients.size() < kMaxClients && accept_client(listen_fd, &clients);
-                 held = clients.size()) {
+            bool added;
+            while (accept_client(listen_fd, &clients, &added)) {
                 // A client sends its request right after its connect, so it is
                 // usually here already: serve it without another round of poll.
-                if (clients.size() > held && serve_client(clients.back()))
+                if (added && serve_client(clients.back()))
                     clients.pop_back();
             }
         }

@@ -3,16 +3,20 @@
 // hand out root, lose data or stop the daemon.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <string>
 #include <vector>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -48,16 +52,22 @@ TEST_F(HostileTest, RequestsStayInsideTheLogRootAndSilentClientsDelayNobody) {
     ASSERT_EQ(symlink("../../data", d.at("/sdcard/logs/link").c_str()), 0);
     start(pipe_node("Alpha") + exec_node("Pcap", "echo #mask"));
 
-    // Ten clients that connect and say nothing: a query is still answered at once.
+    // Seventy clients that connect and say nothing, more than the 64 held at
+    // once: the oldest are closed to make room, and a query is still answered
+    // at once.
     std::vector<int> silent;
-    for (int i = 0; i < 10; i++)
+    for (int i = 0; i < 70; i++)
         silent.push_back(d.connect_socket());
-    usleep(100000);
+    const char *evicted = "Closed the oldest silent connection: 64 connections held";
+    EXPECT_TRUE(wait_until([&] { return d.log_lines(evicted).size() == 6; }, 3000)) << d.log();
     auto t0 = std::chrono::steady_clock::now();
     CtrlExchange r = d.exchange(ctrl_msg(VORN_MSG_QUERY_NODE, "Alpha"), 3000);
     double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_EQ(r.reply.size(), 256u);
     EXPECT_LT(waited, 1.0);
+    EXPECT_EQ(d.log_lines(evicted).size(), 7u);  // the query's connection made room too
+    char byte;
+    EXPECT_EQ(recv(silent[0], &byte, 1, MSG_DONTWAIT), 0) << "the oldest was closed";
     for (int fd : silent)
         close(fd);
 
