@@ -40,8 +40,7 @@ class HostileTest : public ::testing::Test {
     }
     // Waits until am has been run n times in all.
     size_t wait_broadcasts(size_t n, int timeout_ms = 20000) {
-        for (int waited = 0; waited < timeout_ms && d.broadcasts().size() < n; waited += 50)
-            usleep(50000);
+        wait_until([&] { return d.broadcasts().size() >= n; }, timeout_ms, 50);
         return d.broadcasts().size();
     }
     DaemonFixture d;

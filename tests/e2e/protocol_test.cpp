@@ -7,12 +7,22 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
+
+// Descriptors a process holds open.
+size_t open_fds(pid_t pid) {
+    std::error_code ec;
+    std::filesystem::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", ec);
+    return ec ? 0 : static_cast<size_t>(std::distance(it, std::filesystem::directory_iterator()));
+}
 
 // Bytes 128-255 of a request: a pattern the reply must echo.
 void fill_reserved(vorn_ctrl_msg *m) {
@@ -147,12 +157,14 @@ TEST_F(ProtocolTest, BadInputNeverStopsTheDaemon) {
     // Ten clients that connect and stay silent delay nobody: a query is
     // answered at once, and each silent one is closed after 5 s. A client gone
     // before its reply costs a logged send failure.
+    size_t held = open_fds(d.pid());
     int silent[10];
     for (int &fd : silent) {
         fd = d.connect_socket();
         ASSERT_GE(fd, 0);
     }
-    usleep(200000);  // the daemon has accepted them all
+    // The daemon has accepted them all before the next client comes.
+    ASSERT_TRUE(wait_until([&] { return open_fds(d.pid()) >= held + 10; }, 3000));
     int gone = d.connect_socket();
     ASSERT_GE(gone, 0);
     // Not reading any more: the reply fails however soon it is sent.
