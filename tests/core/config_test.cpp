@@ -13,7 +13,7 @@
 #include "core/gbl_config.h"
 #include "core/node.h"
 #include "core/node_table.h"
-#include "tests/core/daemon_state.h"
+#include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 
