@@ -1,10 +1,6 @@
 // The log file writer: naming, roll-over, pruning and its failure paths.
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
 
 #include <ctime>
 #include <filesystem>
@@ -14,6 +10,7 @@
 #include "core/gbl_config.h"
 #include "platform/root.h"
 #include "tests/capture/capture_env.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -190,9 +187,9 @@ TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextWrite) {
 // returns; pruning gives up empty files before any file with data.
 TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     dir = fresh_log_root("full", "Full/");
-    fs::create_directories(dir);
-    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=16k") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    SmallDisk disk(dir, "16k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << disk.error();
     node = make_node("Default", VORN_KIND_PIPE, "true", "Full/full", 0);
     ASSERT_EQ(open_log_file(node, &file, path), 0);
     const std::string first_path = path;
@@ -214,7 +211,7 @@ TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     size_t kept = file_at(dir, 0).size();
     EXPECT_GE(kept, 8000u);
     close_log_file(&file);
-    ASSERT_EQ(mount("tmpfs", dir.c_str(), nullptr, MS_REMOUNT, "size=256k"), 0);
+    ASSERT_TRUE(disk.resize("256k"));
     ASSERT_EQ(open_log_file(node, &file, path), 0);
     EXPECT_EQ(path, first_path);
     EXPECT_EQ(write("after"), 5);
@@ -240,7 +237,6 @@ TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     EXPECT_EQ(rotate_log_files((std::string(gbl_config.log_path) + "/Full").c_str(), "full", 10),
               14);
     auto names = list_dir(dir);
-    umount2(dir.c_str(), MNT_DETACH);
     ASSERT_EQ(names.size(), 10u);
     EXPECT_EQ(names.front(), "full.2001_01_01-00_00_00");
     EXPECT_EQ(names.back(), "full.2002_01_01-00_00_04");

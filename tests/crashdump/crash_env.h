@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 #include "core/gbl_config.h"
 #include "crashdump/ssr.h"
 #include "platform/log.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
@@ -92,26 +92,6 @@ class CrashEnv : public ::testing::Test {
     TempRoot root;
     LogCapture log;
     ssr_state st;
-};
-
-// Caps the size of files this process writes, as a full disk would; the
-// limit is lifted when the guard goes.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &old_);
-        old_handler_ = signal(SIGXFSZ, SIG_IGN);
-        rlimit lim{bytes, old_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &lim);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &old_);
-        signal(SIGXFSZ, old_handler_);
-    }
-
-  private:
-    rlimit old_{};
-    sighandler_t old_handler_;
 };
 
 // Bytes of the given size in a repeating pattern, starting with head.
