@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 
@@ -14,6 +15,7 @@
 #include "core/node.h"
 #include "core/node_table.h"
 #include "tests/support/daemon_state.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 
@@ -233,6 +235,26 @@ TEST_F(ConfigTest, AKilledSaveLeavesTheOldOrTheNewFile) {
         ASSERT_EQ(read_xml_file(VORN_WORK_CONF, &doc, &r), 0) << "round " << round;
         EXPECT_EQ(xmlChildElementCount(r), 3001u) << "round " << round;
     }
+}
+
+// A save that finds the disk full leaves the working file as it was and no
+// temporary file; the next save writes every change made since.
+TEST_F(ConfigTest, FullDiskLeavesTheWorkingFileAsItWas) {
+    write_system(make_conf("1", "", pipe_node("Dmesg") + pipe_node("Kmsg")));
+    ASSERT_EQ(vorn_config_choose(), 3);
+    std::string before = work();
+    {
+        FileSizeLimit limit(before.size() / 2);
+        vorn_config_set_attr(vorn_config_find_element("Dmesg"), "mask", "full");
+        EXPECT_EQ(vorn_config_save(), -1);
+    }
+    EXPECT_EQ(work(), before);
+    for (const auto &e : std::filesystem::directory_iterator(root.at("/data")))
+        EXPECT_EQ(e.path().filename(), "vorn-conf.xml");
+    vorn_config_set_attr(vorn_config_find_element("Kmsg"), "mask", "room");
+    std::string after = work();
+    EXPECT_NE(after.find("mask=\"full\""), std::string::npos) << after;
+    EXPECT_NE(after.find("mask=\"room\""), std::string::npos) << after;
 }
 
 TEST_F(ConfigTest, BytesXmlCannotHoldAreSavedAsQuestionMarks) {
