@@ -25,13 +25,6 @@ std::string exec_node(const std::string &name, const std::string &provider) {
            provider + "\" log_filepath=\"" + name + "/" + name + "\"/>\n";
 }
 
-vorn_ctrl_msg log_path_msg(const char *path) {
-    vorn_ctrl_msg m = ctrl_msg(VORN_MSG_SET_LOG_PATH);
-    vorn_msg_put_text(reinterpret_cast<char *>(&m) + VORN_MSG_GBL_LOG_PATH_OFF,
-                      VORN_MSG_GBL_LOG_PATH_LEN, path);
-    return m;
-}
-
 // Resident memory of a process in KiB, or -1.
 long rss_kib(pid_t pid) {
     std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
@@ -170,18 +163,6 @@ TEST_F(HostileTest, RequestsStayInsideTheLogRootAndSilentClientsDelayNobody) {
     EXPECT_EQ(wait_broadcasts(before + 1000, 60000), before + 1000);
     EXPECT_TRUE(d.alive());
 
-    // A flood of changes fills the pending list; past 1,024 waiting changes
-    // the reply says the change was dropped.
-    int acked = 0, dropped = 0;
-    for (int i = 0; i < 1100; i++) {
-        std::string m = "m" + std::to_string(i);
-        r = d.exchange(ctrl_msg(VORN_MSG_SET_NODE, "Alpha", 0, m.c_str()));
-        acked += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0x80;
-        dropped += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0xFF;
-    }
-    EXPECT_EQ(acked + dropped, 1100);
-    EXPECT_GE(acked, 1024);
-    EXPECT_GT(dropped, 0);
     EXPECT_TRUE(d.alive());
 }
 
@@ -212,9 +193,10 @@ TEST_F(HostileTest, ProvidersDieWithTheDaemonAndStartUpCleansUp) {
     EXPECT_TRUE(gone) << "provider " << pid << " outlived the daemon";
 }
 
-// Changes for names the daemon has no node for are freed, whether the
-// dispatcher drops them or a full pending list refuses them: a flood of
-// them leaves the daemon's resident memory where it was.
+// A flood of changes: past 1,024 waiting ones the reply says the change was
+// dropped. Changes for names the daemon has no node for are freed, whether
+// the dispatcher drops them or a full pending list refuses them: the flood
+// leaves the daemon's resident memory where it was.
 TEST_F(HostileTest, ChangesForUnknownNamesAreFreed) {
     constexpr int kRequests = 150000;
     // An ASan build holds freed memory back in quarantine: without it the
@@ -238,7 +220,8 @@ TEST_F(HostileTest, ChangesForUnknownNamesAreFreed) {
            kRequests, took, r.queued, r.dropped, before, after);
     EXPECT_EQ(r.queued + r.dropped, kRequests);
     EXPECT_EQ(r.other, 0);
-    EXPECT_GT(r.queued, 0);
+    EXPECT_GE(r.queued, 1024);
+    EXPECT_GT(r.dropped, 0);
     // Each change holds 264 bytes: kept refused ones would add some 35 MB,
     // kept ones the dispatcher dropped a few MB (the daemon test pins those
     // under LeakSanitizer too). ASan's own bookkeeping grows a little.

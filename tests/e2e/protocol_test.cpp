@@ -107,9 +107,7 @@ TEST_F(ProtocolTest, RepliesAndRequestsWithoutReply) {
     // ignored types. The unchanged path does not rewrite the working file.
     FileSaves saves = d.working_saves();
     std::string before = d.working_xml();
-    vorn_ctrl_msg same_path = ctrl_msg(VORN_MSG_SET_LOG_PATH);
-    vorn_msg_put_text(reinterpret_cast<char *>(&same_path) + VORN_MSG_GBL_LOG_PATH_OFF,
-                      VORN_MSG_GBL_LOG_PATH_LEN, "/sdcard/logs/");
+    vorn_ctrl_msg same_path = log_path_msg("/sdcard/logs/");
     // An agent line filling bytes 1-255 reaches the agent whole.
     vorn_ctrl_msg agent = ctrl_msg(VORN_MSG_AGENT);
     memset(reinterpret_cast<char *>(&agent) + 1, 'a', 255);
@@ -187,13 +185,6 @@ TEST_F(ProtocolTest, BadInputNeverStopsTheDaemon) {
                                 "Broken pipe")
                      .empty());
 
-    // 1,000 connections in a row, every one answered.
-    int answered = 0;
-    for (int i = 0; i < 1000; i++) {
-        r = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
-        answered += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0x80;
-    }
-    EXPECT_EQ(answered, 1000);
     EXPECT_TRUE(d.alive());
     // The working file is the configuration as loaded.
     EXPECT_NE(d.working_xml().find("<Alpha logname=\"Alpha\""), std::string::npos);
