@@ -1,12 +1,9 @@
 // Choice of configuration file, revert, and how attributes fill the records.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "core/config.h"
@@ -95,7 +92,7 @@ TEST_F(ConfigTest, ChoiceAndRevertOfTheWorkingCopy) {
     }
 }
 
-TEST_F(ConfigTest, GlobalElementDefaults) {
+TEST_F(ConfigTest, GlobalElementDefaultsAndValuesCutToTheirFields) {
     write_system(make_conf(
         "1", "", "  <Dmesg logname=\"Dmesg\" log_provider=\"x\" log_filepath=\"d/d\"/>\n"));
     ASSERT_EQ(load(), 2);
@@ -106,13 +103,13 @@ TEST_F(ConfigTest, GlobalElementDefaults) {
     EXPECT_EQ(gbl_config_time(), -1);
     EXPECT_EQ(gbl_config_size(), -1);
     EXPECT_STREQ(gbl_config.log_path, "/sdcard/logs/");
-}
 
-TEST_F(ConfigTest, GlobalElementValuesAreCutToTheirFields) {
     const std::string path(200, 'p');
+    reset_daemon_state();
     write_system(make_conf(
         "1", "enable=\"258\" loglevel=\"3\" time=\"7\" size=\"65536\" log_path=\"/" + path + "\"",
         pipe_node("Dmesg")));
+    unlink(root.at(VORN_WORK_CONF).c_str());
     ASSERT_EQ(load(), 2);
     EXPECT_EQ(gbl_config.enable, 2);
     EXPECT_EQ(gbl_config.loglevel, 3);
@@ -210,31 +207,6 @@ TEST_F(ConfigTest, CopyFile) {
     EXPECT_TRUE(log.has("Can't open file /data/missing. err is No such file or directory"));
     EXPECT_EQ(copy_file("/nodir/dst", "/data/src"), -1);
     EXPECT_TRUE(log.has("Can't open file /nodir/dst. err is No such file or directory"));
-}
-
-TEST_F(ConfigTest, AKilledSaveLeavesTheOldOrTheNewFile) {
-    // Large enough that a save takes a while to write.
-    std::string nodes;
-    for (int i = 0; i < 3000; i++)
-        nodes += pipe_node("N" + std::to_string(i), "mask=\"" + std::string(90, 'x') + "\"");
-    write_system(make_conf("1", "", nodes));
-    ASSERT_EQ(vorn_config_choose(), 3001);
-    xmlNodePtr el = vorn_config_find_element("N1");
-    std::mt19937 rng(7);
-    for (int round = 0; round < 20; round++) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            for (int i = 0;; i++)
-                vorn_config_set_attr(el, "mask", std::to_string(i).c_str());
-        }
-        usleep(1000 + rng() % 30000);
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        unique_xml_doc doc;
-        xmlNodePtr r;
-        ASSERT_EQ(read_xml_file(VORN_WORK_CONF, &doc, &r), 0) << "round " << round;
-        EXPECT_EQ(xmlChildElementCount(r), 3001u) << "round " << round;
-    }
 }
 
 // A save that finds the disk full leaves the working file as it was and no
