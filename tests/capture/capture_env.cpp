@@ -186,17 +186,6 @@ void unblock_log_root(const std::string &log_root) {
     unlink(top_dir(log_root).c_str());
 }
 
-size_t open_fds_naming(const std::string &needle) {
-    size_t n = 0;
-    std::error_code ec;
-    for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-        std::error_code lec;
-        std::string target = std::filesystem::read_symlink(e.path(), lec).string();
-        n += !lec && target.find(needle) != std::string::npos;
-    }
-    return n;
-}
-
 bool blocked_reading(const std::string &needle, int skip_fd) {
     std::set<long> fds;
     std::error_code ec;

@@ -23,6 +23,7 @@
 #include "platform/log.h"
 #include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
 

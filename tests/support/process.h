@@ -1,4 +1,5 @@
-// Runs a program to completion for black-box tests.
+// Runs a program to completion for black-box tests, and looks at this
+// process's own descriptors.
 #pragma once
 
 #include <string>
@@ -12,3 +13,6 @@ struct ProcessResult {
 
 // Runs argv[0] (a path) with argv, killing it after timeout_ms.
 ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms);
+
+// Descriptors of this process open on a path containing needle ("": all).
+size_t open_fds_naming(const std::string &needle);
