@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int kNodes = 2000;  // a working file of some 300 KB: saves take a while
+constexpr int kNodes = 1000;  // a working file of some 150 KB: saves take a while
 
 // True when the file is well-formed XML (strictly: no recovery) with the
 // root and every element of the configuration.
