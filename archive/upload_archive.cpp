@@ -15,14 +15,16 @@
 #include "core/file_util.h"
 #include "core/gbl_config.h"
 #include "core/path_check.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
 bool archive_request_allowed(const char *logname, const char *src, std::string *source) {
     char log_path[VORN_LOG_PATH_LEN];
-    pthread_mutex_lock(&gbl_config_mutex);
-    snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
-    pthread_mutex_unlock(&gbl_config_mutex);
+    {
+        gbl_config_guard g;
+        snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
+    }
     if (!vorn_plain_name(logname)) {
         VLOGE("%s: Refused log kind %s: not one plain name.\n", "vornd", logname);
         return false;
@@ -81,11 +83,10 @@ int prepare_upload_archive(char *name, size_t len, const char *logname, const ch
         VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(ENAMETOOLONG));
         return -1;
     }
-    FILE *fp = fopen(vorn_path(name).c_str(), "ae");
-    if (fp == nullptr) {
+    unique_file fp(fopen(vorn_path(name).c_str(), "ae"));
+    if (!fp) {
         VLOGE("%s: Failed to create %s: %s.\n", "vornd", name, strerror(errno));
         return -1;
     }
-    fclose(fp);
     return 0;
 }

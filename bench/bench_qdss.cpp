@@ -24,7 +24,7 @@
 #include "core/gbl_config.h"
 #include "platform/root.h"
 #include "qdss/qdss.h"
-#include "tests/support/file_size_limit.h"
+#include "tests/support/full_disk.h"
 
 namespace {
 

@@ -44,10 +44,9 @@ double seconds_since(clock_type::time_point t0) {
 }
 
 void set_log_root(const std::string &dir) {
-    pthread_mutex_lock(&gbl_config_mutex);
+    gbl_config_guard g;
     snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", dir.c_str());
     gbl_config.size = 0;
-    pthread_mutex_unlock(&gbl_config_mutex);
 }
 
 // Node records are never freed: a worker holds its node for ever.

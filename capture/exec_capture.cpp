@@ -19,6 +19,7 @@
 #include "core/command_line.h"
 #include "core/gbl_config.h"
 #include "core/shell.h"
+#include "platform/io.h"
 #include "platform/log.h"
 #include "platform/root.h"
 
@@ -56,19 +57,19 @@ char *exec_build_command(const char *tmpl, const char *path, const char *mask,
 }
 
 int exec_scan_children(const char *proc_dir, pid_t parent, pid_t *children) {
-    DIR *dir = opendir(proc_dir);
-    if (dir == nullptr)
+    unique_dir dir(opendir(proc_dir));
+    if (!dir)
         return -1;
     int count = 0;
-    while (dirent *de = readdir(dir)) {
+    while (dirent *de = readdir(dir.get())) {
         if (strcmp(de->d_name, "..") == 0 || !isdigit(static_cast<unsigned char>(de->d_name[0])))
             continue;
         std::string status = std::string(proc_dir) + "/" + de->d_name + "/status";
-        FILE *f = fopen(status.c_str(), "re");
-        if (f == nullptr)
+        unique_file f(fopen(status.c_str(), "re"));
+        if (!f)
             continue;
         char line[256];
-        while (fgets(line, sizeof line, f)) {
+        while (fgets(line, sizeof line, f.get())) {
             if (strncmp(line, "PPid", 4) != 0)
                 continue;
             int ppid;
@@ -78,10 +79,8 @@ int exec_scan_children(const char *proc_dir, pid_t parent, pid_t *children) {
             }
             break;
         }
-        fclose(f);
     }
     children[count] = 0;
-    closedir(dir);
     return count;
 }
 
@@ -153,18 +152,19 @@ int exec_cycle(exec_worker *w) {
         return 0;
     }
 
-    pthread_mutex_lock(&gbl_config_mutex);
-    const char *filepath = node->log_filepath ? node->log_filepath : "";
-    size_t size = strlen(gbl_config.log_path) + strlen(filepath) + 2;
-    char *log_path = static_cast<char *>(malloc(size));
-    if (log_path == nullptr) {
-        VLOGE("no space for log_path in capture_exec()!");
-        pthread_mutex_unlock(&gbl_config_mutex);
-        pthread_mutex_unlock(&node->lock);
-        return -1;
+    unique_malloc<char> log_path;
+    {
+        gbl_config_guard g;
+        const char *filepath = node->log_filepath ? node->log_filepath : "";
+        size_t size = strlen(gbl_config.log_path) + strlen(filepath) + 2;
+        log_path.reset(static_cast<char *>(malloc(size)));
+        if (!log_path) {
+            VLOGE("no space for log_path in capture_exec()!");
+            pthread_mutex_unlock(&node->lock);
+            return -1;
+        }
+        snprintf(log_path.get(), size, "%s/%s", gbl_config.log_path, filepath);
     }
-    snprintf(log_path, size, "%s/%s", gbl_config.log_path, filepath);
-    pthread_mutex_unlock(&gbl_config_mutex);
 
     char mask[VORN_MASK_LEN];
     snprintf(mask, sizeof mask, "%s", node->mask);
@@ -177,8 +177,8 @@ int exec_cycle(exec_worker *w) {
 
     // The program sees host paths: the output path and any absolute mask
     // path are resolved under the root.
-    std::string path = vorn_path(log_path);
-    free(log_path);
+    std::string path = vorn_path(log_path.get());
+    log_path.reset();
     // Paths stay one word on the command line; the mask is an option string
     // and goes in as it is, so it may hold no shell syntax (a mask saved by
     // an older daemon is checked here too).

@@ -146,20 +146,21 @@ int open_log_file(vorn_node *node, vorn_log_file *file, char *path) {
     file->fp = nullptr;
     const char *filepath = node->log_filepath ? node->log_filepath : "";
 
-    pthread_mutex_lock(&gbl_config_mutex);
-    path[0] = '\0';
-    append_bounded(path, VORN_PATH_MAX, log_root().c_str());
-    append_bounded(path, VORN_PATH_MAX, "/");
-    append_bounded(path, VORN_PATH_MAX, filepath);
-    char *slash = strrchr(path, '/');
-    if (slash == nullptr) {
-        pthread_mutex_unlock(&gbl_config_mutex);
-        return -1;
+    char *slash;
+    int status;
+    {
+        gbl_config_guard g;
+        path[0] = '\0';
+        append_bounded(path, VORN_PATH_MAX, log_root().c_str());
+        append_bounded(path, VORN_PATH_MAX, "/");
+        append_bounded(path, VORN_PATH_MAX, filepath);
+        slash = strrchr(path, '/');
+        if (slash == nullptr)
+            return -1;
+        *slash = '\0';
+        // Held so that the workers create directories one at a time.
+        status = vorn_mkdir_p(vorn_path(path).c_str());
     }
-    *slash = '\0';
-    // Held so that the workers create directories one at a time.
-    int status = vorn_mkdir_p(vorn_path(path).c_str());
-    pthread_mutex_unlock(&gbl_config_mutex);
     if (status != 0) {
         VLOGE("Failed to create the directory: %s\n", path);
         return -1;
@@ -216,9 +217,8 @@ int write_log_data(const char *data, int len, vorn_log_file *file, char *path, v
     file->written += static_cast<uint64_t>(len);
     uint32_t budget = static_cast<uint32_t>(node->size);
     if (budget == 0) {
-        pthread_mutex_lock(&gbl_config_mutex);
+        gbl_config_guard g;
         budget = static_cast<uint32_t>(gbl_config_size());
-        pthread_mutex_unlock(&gbl_config_mutex);
     }
     if (budget == 0 || file->written <= budget / 10)
         return len;

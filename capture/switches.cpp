@@ -45,20 +45,15 @@ int read_query_file(const char *path, std::string *text) {
 }  // namespace
 
 int set_dynamic_debug_mask(char *path, int on) {
+    unique_malloc<char> owned(path);
     std::string text;
-    if (read_query_file(path, &text) != 0) {
-        free(path);
+    if (read_query_file(path, &text) != 0)
         return -1;
-    }
-    if (text.empty()) {
-        free(path);
+    if (text.empty())
         return 0;  // no query: nothing to run, and that is success
-    }
     unique_file f(fmemopen(text.data(), text.size(), "r"));
-    if (f == nullptr) {
-        free(path);
+    if (f == nullptr)
         return -1;
-    }
     std::string control = shell_word(vorn_path(kDebugfs) + "/dynamic_debug/control");
     int result = 0;
     char line[512];
@@ -79,7 +74,6 @@ int set_dynamic_debug_mask(char *path, int on) {
             VLOGE("%s: Failed to run cmd %s\n", "set_dynamic_debug_mask", cmd);
         result |= ret;
     }
-    free(path);
     return result;
 }
 
@@ -100,26 +94,24 @@ int update_bt_conf(int on) {
         VLOGE("Failed to remount system as RW\n");
         return -1;
     }
-    FILE *in = fopen(vorn_path(kBtConf).c_str(), "re");
-    FILE *out = in ? fopen(vorn_path(kBtTemp).c_str(), "we") : nullptr;
-    if (out == nullptr) {
-        VLOGE("Can't open bt conf file, err is %s!", strerror(errno));
-        if (in)
-            fclose(in);
-        return -1;
-    }
     bool found = false;
-    char line[64];
-    while (fgets(line, sizeof line, in)) {
-        if (strncmp(line, kBtKey, strlen(kBtKey)) == 0) {
-            fputs(on ? "BtSnoopLogOutput=true\n" : "BtSnoopLogOutput=false\n", out);
-            found = true;
-        } else {
-            fputs(line, out);
+    {
+        unique_file in(fopen(vorn_path(kBtConf).c_str(), "re"));
+        unique_file out(in ? fopen(vorn_path(kBtTemp).c_str(), "we") : nullptr);
+        if (!out) {
+            VLOGE("Can't open bt conf file, err is %s!", strerror(errno));
+            return -1;
+        }
+        char line[64];
+        while (fgets(line, sizeof line, in.get())) {
+            if (strncmp(line, kBtKey, strlen(kBtKey)) == 0) {
+                fputs(on ? "BtSnoopLogOutput=true\n" : "BtSnoopLogOutput=false\n", out.get());
+                found = true;
+            } else {
+                fputs(line, out.get());
+            }
         }
     }
-    fclose(in);
-    fclose(out);
     if (!found) {
         VLOGE("%s: Failed to find BtSnoopLogOutput\n", "update_bt_conf");
         return -1;

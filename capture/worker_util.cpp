@@ -116,9 +116,10 @@ void prelog_free(prelog_buf *buf) {
 }
 
 void copy_log_root(char *out) {
-    pthread_mutex_lock(&gbl_config_mutex);
-    memcpy(out, gbl_config.log_path, VORN_LOG_PATH_LEN);
-    pthread_mutex_unlock(&gbl_config_mutex);
+    {
+        gbl_config_guard g;
+        memcpy(out, gbl_config.log_path, VORN_LOG_PATH_LEN);
+    }
     out[VORN_LOG_PATH_LEN - 1] = '\0';
 }
 

@@ -95,23 +95,23 @@ unsigned long count_children(xmlNodePtr root) {
 
 }  // namespace
 
-int read_xml_file(const char *path, xmlDocPtr *doc, xmlNodePtr *root) {
+int read_xml_file(const char *path, unique_xml_doc *doc, xmlNodePtr *root) {
     xmlSetStructuredErrorFunc(nullptr, xml_error_to_log);
     xmlKeepBlanksDefault(0);
     std::string real = vorn_path(path);
-    xmlDocPtr d = xmlReadFile(real.c_str(), "UTF-8", XML_PARSE_RECOVER);
-    if (d == nullptr) {
+    unique_xml_doc d(xmlReadFile(real.c_str(), "UTF-8", XML_PARSE_RECOVER));
+    if (!d) {
         VLOGE("Can't open xml file (%s). err is %s", path, strerror(errno));
         return -1;
     }
-    xmlNodePtr r = xmlDocGetRootElement(d);
+    xmlNodePtr r = xmlDocGetRootElement(d.get());
     if (r == nullptr) {
-        xmlFreeDoc(d);
+        d.reset();
         xmlCleanupParser();
         VLOGE("Can't read root node. err is %s", strerror(errno));
         return -1;
     }
-    *doc = d;
+    *doc = std::move(d);
     *root = r;
     return 0;
 }
@@ -192,7 +192,7 @@ int vorn_config_choose() {
             VLOGE("Can't find %s", VORN_SYSTEM_CONF);
             return -1;
         }
-        xmlDocPtr sdoc;
+        unique_xml_doc sdoc;
         xmlNodePtr sroot;
         if (read_xml_file(VORN_SYSTEM_CONF, &sdoc, &sroot) < 0)
             return -1;
@@ -202,12 +202,13 @@ int vorn_config_choose() {
                   reinterpret_cast<char *>(v.get()));
             required.reset(strdup(reinterpret_cast<char *>(v.get())));
         }
-        xmlFreeDoc(sdoc);
+        v.reset();
+        sdoc.reset();
         xmlCleanupParser();
     }
 
     bool revert = true;
-    xmlDocPtr doc = nullptr;
+    unique_xml_doc doc;
     xmlNodePtr root = nullptr;
     std::string work = vorn_path(VORN_WORK_CONF);
     if (access(work.c_str(), F_OK) == 0 && read_xml_file(VORN_WORK_CONF, &doc, &root) == 0) {
@@ -223,7 +224,7 @@ int vorn_config_choose() {
             }
         }
         if (revert)
-            xmlFreeDoc(doc);
+            doc.reset();
     }
 
     unsigned long count = 0;
@@ -233,7 +234,7 @@ int vorn_config_choose() {
             VLOGI("Total %d vornd nodes", static_cast<int>(count));
         } else {
             VLOGE("No log entry in log configuration file. Revert to default configuration file.");
-            xmlFreeDoc(doc);
+            doc.reset();
             revert = true;
         }
     }
@@ -244,11 +245,10 @@ int vorn_config_choose() {
         count = count_children(root);
         if (count == 0) {
             VLOGE("No log entry in log configuration file.");
-            xmlFreeDoc(doc);
             return -1;
         }
     }
-    vorn_conf_doc = doc;
+    vorn_conf_doc = doc.release();
     vorn_conf_root = root;
     return count > 0x7fffffff ? 0x7fffffff : static_cast<int>(count);
 }
@@ -310,12 +310,12 @@ std::vector<std::string> vorn_config_node_names(const char *path) {
 
 std::vector<vorn_config_row> vorn_config_rows(const char *path) {
     std::vector<vorn_config_row> rows;
-    xmlDocPtr d = xmlReadFile(vorn_path(path).c_str(), "UTF-8",
-                              XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
-                                  XML_PARSE_NOWARNING | XML_PARSE_NONET);
-    if (d == nullptr)
+    unique_xml_doc d(xmlReadFile(vorn_path(path).c_str(), "UTF-8",
+                                 XML_PARSE_RECOVER | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
+                                     XML_PARSE_NOWARNING | XML_PARSE_NONET));
+    if (!d)
         return rows;
-    xmlNodePtr root = xmlDocGetRootElement(d);
+    xmlNodePtr root = xmlDocGetRootElement(d.get());
     xmlNodePtr global = root ? xmlFirstElementChild(root) : nullptr;
     int slot = 1;
     for (xmlNodePtr el = global ? xmlNextElementSibling(global) : nullptr; el != nullptr;
@@ -334,7 +334,6 @@ std::vector<vorn_config_row> vorn_config_rows(const char *path) {
         free(node.mask_link);
         pthread_mutex_destroy(&node.lock);
     }
-    xmlFreeDoc(d);
     return rows;
 }
 

@@ -6,6 +6,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,14 +15,22 @@
 #define VORN_WORK_CONF "/data/vorn-conf.xml"
 #define VORN_SYSTEM_CONF "/etc/vorn-conf.xml"
 
+// Owner of a parsed document.
+struct xml_doc_deleter {
+    void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
+};
+using unique_xml_doc = std::unique_ptr<xmlDoc, xml_doc_deleter>;
+
 // The working document and its root stay loaded for the process lifetime:
-// run-time changes are written back through them.
+// run-time changes are written back through them. A plain pointer on
+// purpose: threads still saving through it when the process exits must not
+// find it freed by a destructor.
 extern xmlDocPtr vorn_conf_doc;
 extern xmlNodePtr vorn_conf_root;
 
 // Parses path (a device path) without blanks and with the recover option.
 // Returns 0 with *doc and *root set, or -1 (logged).
-int read_xml_file(const char *path, xmlDocPtr *doc, xmlNodePtr *root);
+int read_xml_file(const char *path, unique_xml_doc *doc, xmlNodePtr *root);
 
 // Reads attribute name from el, else from fallback (may be null). Returns -1
 // and leaves dest alone when neither has it. get_int_attr stores the whole
@@ -37,8 +46,10 @@ int get_text_attr(xmlNodePtr el, xmlNodePtr fallback, const char *name, void *de
 // attributes.
 void vorn_config_fill_global(xmlNodePtr global);
 
-// Fills the node record of slot k from element el with global as fallback, in
-// the specified order; sets pending_change. Does not bind ops.
+// Fills the node record of slot k from element el with global as fallback:
+// enable, loglevel, time, size and logtype in that order (each is stored as a
+// whole 32-bit value at its field, so the order decides which bytes win),
+// then the texts; sets pending_change. Does not bind ops.
 void vorn_config_fill_node(vorn_node *node, int slot, xmlNodePtr el, xmlNodePtr global);
 
 // Chooses between the working and the system copy (version check, revert by

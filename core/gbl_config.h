@@ -14,6 +14,16 @@
 extern gbl_config_t gbl_config;
 extern pthread_mutex_t gbl_config_mutex;
 
+// Holds gbl_config_mutex for a scope: every way out of it, early returns
+// included, lets the lock go.
+class gbl_config_guard {
+  public:
+    gbl_config_guard() { pthread_mutex_lock(&gbl_config_mutex); }
+    ~gbl_config_guard() { pthread_mutex_unlock(&gbl_config_mutex); }
+    gbl_config_guard(const gbl_config_guard &) = delete;
+    gbl_config_guard &operator=(const gbl_config_guard &) = delete;
+};
+
 // Unaligned accessors for the packed integers (read without the lock; callers
 // that need consistency hold gbl_config_mutex).
 int32_t gbl_config_time();

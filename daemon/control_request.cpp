@@ -77,9 +77,10 @@ vorn_reply_kind queue_change(vorn_ctrl_msg *msg) {
 }
 
 vorn_reply_kind read_global(vorn_ctrl_msg *msg) {
-    pthread_mutex_lock(&gbl_config_mutex);
-    memcpy(msg, &gbl_config, sizeof gbl_config);
-    pthread_mutex_unlock(&gbl_config_mutex);
+    {
+        gbl_config_guard g;
+        memcpy(msg, &gbl_config, sizeof gbl_config);
+    }
     msg->msg_type |= VORN_MSG_REPLY;
     return VORN_REPLY_MSG;
 }
@@ -99,9 +100,10 @@ void change_log_path(const vorn_ctrl_msg *msg) {
     }
     vorn_config_set_attr(vorn_conf_root ? xmlFirstElementChild(vorn_conf_root) : nullptr,
                          "log_path", path);
-    pthread_mutex_lock(&gbl_config_mutex);
-    vorn_msg_put_text(gbl_config.log_path, sizeof gbl_config.log_path, path);
-    pthread_mutex_unlock(&gbl_config_mutex);
+    {
+        gbl_config_guard g;
+        vorn_msg_put_text(gbl_config.log_path, sizeof gbl_config.log_path, path);
+    }
     VLOGD("GLOBAL logpath change to %s\n", path);
 }
 

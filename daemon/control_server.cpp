@@ -24,7 +24,9 @@ namespace {
 
 // A client that connects and sends nothing is closed after this long.
 constexpr long kReceiveTimeoutMs = 5000;
-// Connections held open at once; more wait in the listen backlog.
+// Connections held open at once. At the limit a new connection closes the
+// oldest held one: the listener never rests, so silent clients cannot keep
+// a query waiting.
 constexpr size_t kMaxClients = 64;
 
 struct client {
@@ -49,6 +51,7 @@ ssize_t send_reply(int fd, const vorn_ctrl_msg *msg) {
 }
 
 // Accepts one connection; false when there was none to take after all.
+// The new connection is then the last of clients.
 bool accept_client(int listen_fd, std::vector<client> *clients) {
     // Close-on-exec: shell commands started by workers must not inherit the
     // connection and keep it open after we close it. Non-blocking: a client
@@ -64,6 +67,12 @@ bool accept_client(int listen_fd, std::vector<client> *clients) {
     // The peer's credentials were never looked at: any process that can open
     // the socket (mode 0666) is served, so they are not asked for either.
     clients->push_back({unique_fd(fd), now_ms() + kReceiveTimeoutMs});
+    if (clients->size() > kMaxClients) {
+        // Every held connection is silent (one that sent is served at once),
+        // and the oldest has had the longest to speak.
+        clients->erase(clients->begin());
+        VLOGE("Closed the oldest silent connection: %zu connections held\n", kMaxClients);
+    }
     return true;
 }
 
@@ -130,8 +139,7 @@ void vornd_serve(int listen_fd) {
             continue;
         }
         fds.clear();
-        // At the connection limit the listening socket rests until one ends.
-        fds.push_back({clients.size() < kMaxClients ? listen_fd : -1, POLLIN, 0});
+        fds.push_back({listen_fd, POLLIN, 0});
         long now = now_ms(), wait = -1;
         for (const client &c : clients) {
             fds.push_back({c.fd.get(), POLLIN, 0});

@@ -10,5 +10,6 @@ int vornd_create_socket();
 
 // Serves the listening socket for ever: every connection carries one request,
 // read within 5 seconds of the accept, answered and closed. Connections are
-// served side by side. An accept failure ends the process.
+// served side by side; of 64 held at once the oldest makes room for a new
+// one. An accept failure ends the process.
 [[noreturn]] void vornd_serve(int listen_fd);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/node_ops.h"
 #include "dumpparser/dp_log.h"
 #include "dumpparser/dump_io.h"
 #include "dumpparser/dumpparser.h"
@@ -68,30 +69,22 @@ void *dumpparser_consume_thread(void *) {
 
 namespace {
 
+// The consumer's id while it is being started (no pthread id is 1).
+constexpr uint64_t kConsumerStarting = 1;
+
 // Starts the consumer unless one runs; called with dump_list_mutex held.
 int start_consumer() {
     if (dumpparser_consumer_tid != 0)
         return 0;
-    pthread_attr_t attr;
-    if (pthread_attr_init(&attr) != 0) {
-        DPLOGE("%s: Failed to init thread attribute", DP);
+    // Marked as running before it exists, so that no second producer starts
+    // another one before this one has run; the thread records its own id.
+    dumpparser_consumer_tid = kConsumerStarting;
+    if (start_detached_thread(dumpparser_consume_thread, nullptr, "vorn_dp_consume") != 0) {
+        DPLOGE("%s: Failed to create vorn_consume_thread", DP);
+        dumpparser_consumer_tid = 0;
         return -1;
     }
-    int ret = 0;
-    pthread_t tid;
-    if (pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) != 0) {
-        DPLOGE("%s: Failed to set thread to detach", DP);
-        ret = -1;
-    } else if (pthread_create(&tid, &attr, dumpparser_consume_thread, nullptr) != 0) {
-        DPLOGE("%s: Failed to create vorn_consume_thread", DP);
-        ret = -1;
-    } else {
-        // Recorded here too, so that no second producer starts another one
-        // before this one has run.
-        dumpparser_consumer_tid = tid;
-    }
-    pthread_attr_destroy(&attr);
-    return ret;
+    return 0;
 }
 
 void queue_dump(const char *path) {

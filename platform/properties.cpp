@@ -39,14 +39,14 @@ std::string trim(std::string s) {
 // Returns true and the value when the file defines key (the last definition wins,
 // as in Android's own loader).
 bool lookup(const std::string &file, const char *key, std::string *out) {
-    FILE *f = fopen(file.c_str(), "re");
-    if (f == nullptr)
+    unique_file f(fopen(file.c_str(), "re"));
+    if (!f)
         return false;
     bool found = false;
-    char *line = nullptr;
+    char *raw = nullptr;
     size_t cap = 0;
-    while (getline(&line, &cap, f) > 0) {
-        std::string l = trim(line);
+    while (getline(&raw, &cap, f.get()) > 0) {
+        std::string l = trim(raw);
         if (l.empty() || l[0] == '#')
             continue;
         size_t eq = l.find('=');
@@ -57,8 +57,7 @@ bool lookup(const std::string &file, const char *key, std::string *out) {
             found = true;
         }
     }
-    free(line);
-    fclose(f);
+    free(raw);
     return found;
 }
 
@@ -90,10 +89,10 @@ int vorn_property_set(const char *key, const char *value) {
     std::string file = vorn_path(kPropFile);
     std::string out;
     bool replaced = false;
-    if (FILE *f = fopen(file.c_str(), "re")) {
+    if (unique_file f{fopen(file.c_str(), "re")}) {
         char *line = nullptr;
         size_t cap = 0;
-        while (getline(&line, &cap, f) > 0) {
+        while (getline(&line, &cap, f.get()) > 0) {
             std::string l = line;
             std::string t = trim(l);
             size_t eq = t.find('=');
@@ -109,21 +108,21 @@ int vorn_property_set(const char *key, const char *value) {
                 out += '\n';
         }
         free(line);
-        fclose(f);
     }
     if (!replaced)
         out += std::string(key) + "=" + value + "\n";
 
     std::string tmp = file + ".tmp";
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
+    unique_fd fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd.valid())
         return -1;
-    if (write_all(fd, out.data(), out.size()) < 0) {
-        close(fd);
+    if (write_all(fd.get(), out.data(), out.size()) < 0) {
+        fd.reset();
         unlink(tmp.c_str());
         return -1;
     }
-    if (close(fd) != 0 || rename(tmp.c_str(), file.c_str()) != 0) {
+    // close() reports a failed write-back of the data, so it is checked.
+    if (close(fd.release()) != 0 || rename(tmp.c_str(), file.c_str()) != 0) {
         unlink(tmp.c_str());
         return -1;
     }

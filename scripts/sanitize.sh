@@ -18,9 +18,11 @@ case "$kind" in
   address)
     dir=build-asan
     flags=address,undefined
-    # Workers and the threads they own live as long as the daemon and are
-    # never joined; leak checks of test processes would report them.
-    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=1:detect_stack_use_after_return=0}
+    # Leak checks on: every test process (and every vornctl or vornsim the
+    # tests run) is checked as it exits. Objects that deliberately live as
+    # long as the process are in lsan.supp, each with its reason.
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=0}
+    export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$supp/lsan.supp:print_suppressions=0}
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1:suppressions=$supp/ubsan.supp}
     # Everything; the long worker suites run side by side as usual.
     filter=()

@@ -3,6 +3,8 @@
 #define FUSE_USE_VERSION 312
 #include <fcntl.h>
 #include <fuse.h>
+#include <fuse_lowlevel.h>
+#include <poll.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -197,7 +199,11 @@ void SimDevFs::unmount() {
         usleep(20000);
     if (*loop_done_) {
         loop_.join();
-        if (!detached)
+        // Once the connection has ended (its descriptor reports an error)
+        // fuse_unmount unmounts nothing more and only frees the session's copy
+        // of the mount point, which fuse_destroy would leak.
+        pollfd p{fuse_session_fd(fuse_get_session(fuse_)), 0, 0};
+        if (!detached || (poll(&p, 1, 0) == 1 && (p.revents & POLLERR) != 0))
             fuse_unmount(fuse_);
         fuse_destroy(fuse_);  // closes the session's descriptor
     } else {

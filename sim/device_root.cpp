@@ -79,7 +79,7 @@ std::string recorder(const std::string &name) {
            name + ".log\"\n";
 }
 
-void coresight(Tree &t, const DeviceRootSpec &spec) {
+void coresight(Tree &t, const DeviceRootOptions &opts) {
     const std::string cs = "/sys/bus/coresight/devices/";
     t.file(cs + "coresight-stm/enable", "0\n");
     t.file(cs + "coresight-stm/hwevent_enable", "0\n");
@@ -95,7 +95,7 @@ void coresight(Tree &t, const DeviceRootSpec &spec) {
     t.file(cs + "coresight-tpiu/curr_sink", "0\n");
     t.file(cs + "coresight-tpiu/out_mode", "mictor\n");
     t.file(cs + "coresight-tpiu/set", "");
-    for (int i = 0; i < spec.cpus; i++) {
+    for (int i = 0; i < opts.cpus; i++) {
         std::string etm = cs + "coresight-etm" + std::to_string(i) + "/";
         t.file(etm + "enable", "0\n");
         t.file(etm + "cpu", std::to_string(i) + "\n");
@@ -103,7 +103,7 @@ void coresight(Tree &t, const DeviceRootSpec &spec) {
         t.dir("/sys/devices/system/cpu/cpu" + std::to_string(i));
         t.file("/sys/devices/system/cpu/cpu" + std::to_string(i) + "/online", "1\n");
     }
-    t.file("/sys/devices/system/cpu/present", "0-" + std::to_string(spec.cpus - 1) + "\n");
+    t.file("/sys/devices/system/cpu/present", "0-" + std::to_string(opts.cpus - 1) + "\n");
     for (const char *remote : {"modem", "wcn", "audio", "rpm", "venus"})
         t.file(cs + "coresight-" + std::string(remote) + "-etm0/enable", "0\n");
     std::string ctis[] = {"cti0",       "cti1",       "cti2",     "cti3",     "cti4",
@@ -131,9 +131,9 @@ int platform_sdk(const std::string &platform) {
     return 22;
 }
 
-std::string default_config(const DeviceRootSpec &spec) {
+std::string default_config(const DeviceRootOptions &opts) {
     // Below API level 20 the Android buffers are the kernel's logger devices.
-    bool logger = platform_sdk(spec.platform) < 20;
+    bool logger = platform_sdk(opts.platform) < 20;
     auto adb = [&](const char *name, const char *buffers, const char *dev, const char *file) {
         std::string s = std::string("  <") + name + " logname=\"" + name +
                         "\" enable=\"0\" logtype=\"2\" size=\"10485760\" log_provider=\"" +
@@ -179,17 +179,17 @@ int device_root_ramdumps(const std::string &dir) {
     int n = 0;
     if (in >> key >> n && key == "ramdumps" && n > 0)
         return n;
-    return DeviceRootSpec{}.ramdumps;
+    return DeviceRootOptions{}.ramdumps;
 }
 
-bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err) {
+bool create_device_root(const std::string &dir, const DeviceRootOptions &opts, std::string *err) {
     Tree t(dir);
     // What the phone is made of, read by its server at up.
-    t.file(kPhoneConf, "ramdumps " + std::to_string(spec.ramdumps) + "\n");
-    t.file("/etc/vorn-conf.xml", default_config(spec));
+    t.file(kPhoneConf, "ramdumps " + std::to_string(opts.ramdumps) + "\n");
+    t.file("/etc/vorn-conf.xml", default_config(opts));
     t.file("/system/build.prop",
-           "ro.build.version.sdk=" + std::to_string(platform_sdk(spec.platform)) +
-               "\nro.board.platform=" + spec.platform + "\nro.product.board=" + spec.platform +
+           "ro.build.version.sdk=" + std::to_string(platform_sdk(opts.platform)) +
+               "\nro.board.platform=" + opts.platform + "\nro.product.board=" + opts.platform +
                "\ninit.svc.mpdecision=running\n");
     t.link("/system/bin/sh", "/bin/sh");
     for (const char *prog : {"am", "mount", "stop", "start"})
@@ -219,7 +219,7 @@ bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std:
     if (fs::is_directory(fs::symlink_status(dir + "/proc", ec)))
         fs::remove_all(dir + "/proc", ec);
     t.link("/proc", "/proc");
-    coresight(t, spec);
+    coresight(t, opts);
     t.file("/sys/module/subsystem_restart/parameters/enable_ramdumps", "0\n");
     for (int i = 0; i < 4; i++)
         t.file("/sys/bus/msm_subsys/devices/subsys" + std::to_string(i) + "/restart_level",

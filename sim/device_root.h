@@ -5,7 +5,7 @@
 
 #include <string>
 
-struct DeviceRootSpec {
+struct DeviceRootOptions {
     std::string platform = "msm8916";
     int cpus = 4;
     int ramdumps = 5;  // ramdump devices of the phone (sim/phone.conf)
@@ -15,9 +15,9 @@ struct DeviceRootSpec {
 int platform_sdk(const std::string &platform);
 bool known_platform(const std::string &platform);
 // The default configuration for the platform: every row of the register table.
-std::string default_config(const DeviceRootSpec &spec);
+std::string default_config(const DeviceRootOptions &opts);
 // Makes the tree under dir (kept files are rewritten). False with *err.
-bool create_device_root(const std::string &dir, const DeviceRootSpec &spec, std::string *err);
+bool create_device_root(const std::string &dir, const DeviceRootOptions &opts, std::string *err);
 // The number of ramdump devices the phone of root dir has: what create wrote
 // into sim/phone.conf, or the default.
 int device_root_ramdumps(const std::string &dir);

@@ -134,28 +134,28 @@ int main(int argc, char **argv) {
     if (cmd == "ddr-dump")
         return ddr_dump_main(std::vector<std::string>(argv + 2, argv + argc));
     if (cmd == "create") {
-        DeviceRootSpec spec;
+        DeviceRootOptions opts;
         for (size_t i = 0; i < rest.size(); i++) {
             long long v = 0;
             if (rest[i] == "--platform" && i + 1 < rest.size() && known_platform(rest[i + 1]))
-                spec.platform = rest[++i];
+                opts.platform = rest[++i];
             else if (rest[i] == "--cpus" && i + 1 < rest.size() &&
                      to_number(rest[i + 1].c_str(), &v) && v >= 1 && v <= 8) {
-                spec.cpus = static_cast<int>(v);
+                opts.cpus = static_cast<int>(v);
                 i++;
             } else if (rest[i] == "--ramdumps" && i + 1 < rest.size() &&
                        to_number(rest[i + 1].c_str(), &v) && v >= 1 &&
                        v <= static_cast<long long>(kSimSubsystems.size())) {
-                spec.ramdumps = static_cast<int>(v);
+                opts.ramdumps = static_cast<int>(v);
                 i++;
             } else
                 return usage();
         }
         std::string err;
-        if (!create_device_root(root, spec, &err))
+        if (!create_device_root(root, opts, &err))
             return fail(err);
         printf("vornsim: device root %s (%s, %d cpus, %d ramdump devices)\n", root.c_str(),
-               spec.platform.c_str(), spec.cpus, spec.ramdumps);
+               opts.platform.c_str(), opts.cpus, opts.ramdumps);
         return 0;
     }
     if (cmd == "up" && rest.empty()) {

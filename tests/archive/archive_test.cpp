@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -20,6 +19,7 @@
 #include "archive/mini_zip.h"
 #include "core/ctrl_msg.h"
 #include "core/gbl_config.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_root.h"
@@ -394,15 +394,13 @@ TEST_F(ArchiveTest, TwoRequestsIntoOneArchiveAreSerialised) {
 // The archive cannot be finished: the failed archive and the description file
 // (when the walk got to it) are deleted, every other source file stays.
 TEST_F(ArchiveTest, FullUploadFileSystem) {
-    std::string upload = root.at(kUpload);
-    root.mkdir(kUpload);
-    if (mount("tmpfs", upload.c_str(), "tmpfs", 0, "size=64k") != 0)
-        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+    SmallDisk disk(root.at(kUpload), "64k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a small tmpfs here: " << disk.error();
     Files src = make_source({{"description_full", "d"}, {"ramdump.bin", random_bytes(1 << 20, 7)}});
     Names order = walk_order(kSrc);
     request(kSrc);
     Names left = walk_order(kUpload);
-    umount2(upload.c_str(), MNT_DETACH);
     ASSERT_EQ(results().size(), 1u);
     EXPECT_TRUE(results()[0] != 0 && results()[0] != -3) << results()[0];
     EXPECT_TRUE(log.has("vornd: error in zipClose " + kUpload + "/log_full.zip\n"));
@@ -414,10 +412,9 @@ TEST_F(ArchiveTest, FullUploadFileSystem) {
 // A request that fails to close its archive leaves what earlier requests
 // wrote into it untouched.
 TEST_F(ArchiveTest, FailedCloseKeepsTheArchiveOfEarlierRequests) {
-    std::string upload = root.at(kUpload);
-    root.mkdir(kUpload);
-    if (mount("tmpfs", upload.c_str(), "tmpfs", 0, "size=64k") != 0)
-        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+    SmallDisk disk(root.at(kUpload), "64k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a small tmpfs here: " << disk.error();
     make_source({{"description_keep", "first"}, {"small.log", "small"}}, "/sdcard/logs/d/one");
     request("/sdcard/logs/d/one");
     make_source({{"description_keep", "second"}, {"big.bin", random_bytes(1 << 20, 10)}},
@@ -425,7 +422,6 @@ TEST_F(ArchiveTest, FailedCloseKeepsTheArchiveOfEarlierRequests) {
     request("/sdcard/logs/d/two");
     std::string kept = read_file(root.at(kUpload + "/log_keep.zip"));
     Names left = walk_order(kUpload);
-    umount2(upload.c_str(), MNT_DETACH);
     ASSERT_EQ(results().size(), 2u);
     EXPECT_EQ(results()[0], 0);
     EXPECT_NE(results()[1], 0);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <ctime>
 #include <deque>
 #include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "capture/capture_worker.h"
@@ -48,10 +50,9 @@ std::string top_dir(const std::string &log_root) {
 std::string fresh_log_root(const std::string &tag, const std::string &dir, int32_t global_size) {
     static int counter = 0;
     std::string root = "/" + tag + "-" + std::to_string(++counter) + "/logs/";
-    pthread_mutex_lock(&gbl_config_mutex);
+    gbl_config_guard g;
     snprintf(gbl_config.log_path, sizeof gbl_config.log_path, "%s", root.c_str());
     gbl_config.size = global_size;
-    pthread_mutex_unlock(&gbl_config_mutex);
     return capture_root().at(root + dir);
 }
 
@@ -185,15 +186,26 @@ void unblock_log_root(const std::string &log_root) {
     unlink(top_dir(log_root).c_str());
 }
 
-size_t open_fds_naming(const std::string &needle) {
-    size_t n = 0;
+bool blocked_reading(const std::string &needle, int skip_fd) {
+    std::set<long> fds;
     std::error_code ec;
     for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
         std::error_code lec;
         std::string target = std::filesystem::read_symlink(e.path(), lec).string();
-        n += !lec && target.find(needle) != std::string::npos;
+        long fd = atol(e.path().filename().c_str());
+        if (!lec && fd != skip_fd && target.find(needle) != std::string::npos)
+            fds.insert(fd);
     }
-    return n;
+    // A task's "syscall" file starts with the call's number and its first
+    // argument, the descriptor of a read.
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/task", ec)) {
+        long nr = -1;
+        unsigned long arg = 0;
+        if (sscanf(read_file(e.path().string() + "/syscall").c_str(), "%ld %lx", &nr, &arg) == 2 &&
+            nr == SYS_read && fds.count(static_cast<long>(arg)) != 0)
+            return true;
+    }
+    return false;
 }
 
 size_t mappings_naming(const std::string &needle) {

@@ -12,6 +12,7 @@
 #include "capture/capture_variants.h"
 #include "core/node.h"
 #include "core/node_ops.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
 
@@ -88,7 +89,8 @@ bool wait_for(Pred pred, int timeout_ms) {
     return wait_until(pred, timeout_ms, 50);
 }
 
-// Descriptors of this process open on a path containing needle.
-size_t open_fds_naming(const std::string &needle);
+// True when a thread of this process waits in read(2) on a descriptor other
+// than skip_fd that is open on a path containing needle.
+bool blocked_reading(const std::string &needle, int skip_fd);
 // Mappings of this process of a file whose path contains needle.
 size_t mappings_naming(const std::string &needle);

@@ -68,13 +68,14 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines + stamp + "I/ok      ( 1234): after\n"));
     EXPECT_TRUE(log.has("WARNING: read expected: 3,  read actually: 13\n")) << log.dump();
 
-    // Disabled: the next delivery is written, then device and file close.
-    usleep(100 * 1000);  // the reader has looked at its node after the last delivery
+    // Disabled while the reader waits for data: the next delivery is written,
+    // then device and file close.
+    ASSERT_TRUE(wait_for([&] { return blocked_reading("raw0", raw_fd); }, 3000));
     set_enable(raw, false);
     put(raw_fd, "last\n");
     EXPECT_TRUE(dir_becomes(root + "Raw", early + "late\nlast\n"));
+    EXPECT_TRUE(wait_for([&] { return open_fds_naming("raw0") == 1; }, 3000));
     ASSERT_EQ(write(raw_fd, "unread\n", 7), 7);
-    usleep(300 * 1000);
     EXPECT_EQ(read_dir_files(root + "Raw"), early + "late\nlast\n");
     set_enable(klog, false);
     put(klog_fd, klog_entry(klog_text(4, "ok", "bye")));

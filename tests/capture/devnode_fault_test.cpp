@@ -3,17 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tests/capture/capture_env.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -64,18 +62,21 @@ TEST(DevnodeFault, LogRootAndDeviceRemovedWhileInUse) {
     close(fd);
 }
 
-TEST(DevnodeFault, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
+// A full disk: the failed write is logged, nothing written is lost, and once
+// space returns writing goes on in the same file. Both readers of device
+// nodes: the one with a pre-log buffer and the multi-device reader.
+void full_disk_case(uint8_t logtype, void (*start)(vorn_node *)) {
     LogCapture log;
     std::string dir = fresh_log_root("devfull", "D");
-    std::string mnt = std::filesystem::path(dir).parent_path().string();
-    std::filesystem::create_directories(mnt);
-    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=32k") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
-    int fd = make_fifo("/dev/full0");
-    vorn_node *node = make_node("RPM", 0x00, "/dev/full0", "D/full");
+    SmallDisk disk(std::filesystem::path(dir).parent_path().string(), "32k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << disk.error();
+    const char *dev = logtype == 0 ? "/dev/full0" : "/dev/full1";
+    int fd = make_fifo(dev);
+    vorn_node *node = make_node(logtype == 0 ? "RPM" : "QXDM", logtype, dev, "D/full");
     disable_at_end guard{node};
     set_enable(node, true);
-    start_variant<capture_devnode>(node);
+    start(node);
 
     std::string line(999, 'x');
     line += '\n';
@@ -85,7 +86,7 @@ TEST(DevnodeFault, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
         failed = log.has("Failed to write out to log file\n");
     }
     std::string first = file_at(dir, 0);
-    mount("tmpfs", mnt.c_str(), nullptr, MS_REMOUNT, "size=1m");
+    disk.resize("1m");
     bool resumed = put(fd, "after\n", 10000) &&
                    wait_for(
                        [&] {
@@ -98,13 +99,19 @@ TEST(DevnodeFault, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
     set_enable(node, false);
     put(fd, "bye\n");
     close(fd);
-    usleep(200 * 1000);
-    umount2(mnt.c_str(), MNT_DETACH);
     ASSERT_TRUE(failed) << log.dump();
     EXPECT_TRUE(resumed) << log.dump();
     EXPECT_EQ(files, 1u);
     ASSERT_GT(first.size(), 10000u);
     EXPECT_EQ(after.compare(0, first.size(), first), 0);  // nothing written was lost
+}
+
+TEST(DevnodeFault, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
+    full_disk_case(0x00, start_variant<capture_devnode>);
+}
+
+TEST(DevnodeFault, MultiDeviceReaderOnAFullDisk) {
+    full_disk_case(0xC0, start_variant<capture_multi_devnode>);
 }
 
 // A pipe whose descriptor is far past 1,024 is captured like any other.

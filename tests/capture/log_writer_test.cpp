@@ -1,10 +1,6 @@
 // The log file writer: naming, roll-over, pruning and its failure paths.
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
 
 #include <ctime>
 #include <filesystem>
@@ -15,6 +11,7 @@
 #include "core/gbl_config.h"
 #include "platform/root.h"
 #include "tests/capture/capture_env.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -200,6 +197,19 @@ TEST_F(LogWriterTest, FilepathWithoutSlashWritesThenFailsItsFirstRollOver) {
     EXPECT_EQ(file_at(dir, 0), std::string(60, 'f') + std::string(60, 'g'));
 }
 
+// A failed open gives gbl_config_mutex back: held, it would stop every other
+// worker and the socket thread's log-path change.
+TEST_F(LogWriterTest, FailedOpenLetsTheGlobalLockGo) {
+    std::string root = device_log_root("blocked");
+    block_log_root(root);
+    node = make_node("Default", VORN_KIND_PIPE, "true", "B/b", 0);
+    EXPECT_EQ(open_log_file(node, &file, path), -1);
+    unblock_log_root(root);
+    EXPECT_TRUE(log.has_containing("Failed to create the directory"));
+    ASSERT_EQ(pthread_mutex_trylock(&gbl_config_mutex), 0);
+    pthread_mutex_unlock(&gbl_config_mutex);
+}
+
 // A removed log root is noticed at the first write of a later second: that
 // write already goes into a new file under the directory made again.
 TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextWrite) {
@@ -218,9 +228,9 @@ TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextWrite) {
 // returns; pruning gives up empty files before any file with data.
 TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     dir = fresh_log_root("full", "Full/");
-    fs::create_directories(dir);
-    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=16k") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    SmallDisk disk(dir, "16k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << disk.error();
     node = make_node("Default", VORN_KIND_PIPE, "true", "Full/full", 0);
     ASSERT_EQ(open_log_file(node, &file, path), 0);
     const std::string first_path = path;
@@ -242,7 +252,7 @@ TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     size_t kept = file_at(dir, 0).size();
     EXPECT_GE(kept, 8000u);
     close_log_file(&file);
-    ASSERT_EQ(mount("tmpfs", dir.c_str(), nullptr, MS_REMOUNT, "size=256k"), 0);
+    ASSERT_TRUE(disk.resize("256k"));
     ASSERT_EQ(open_log_file(node, &file, path), 0);
     EXPECT_EQ(path, first_path);
     EXPECT_EQ(write("after"), 5);
@@ -268,7 +278,6 @@ TEST_F(LogWriterTest, FullDiskContinuesTheFileAndPruningKeepsData) {
     EXPECT_EQ(rotate_log_files((std::string(gbl_config.log_path) + "/Full").c_str(), "full", 10),
               14);
     auto names = list_dir(dir);
-    umount2(dir.c_str(), MNT_DETACH);
     ASSERT_EQ(names.size(), 10u);
     EXPECT_EQ(names.front(), "full.2001_01_01-00_00_00");
     EXPECT_EQ(names.back(), "full.2002_01_01-00_00_04");

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,7 @@
 #include "platform/logd_reader.h"
 #include "sim/fake_logd.h"
 #include "tests/capture/capture_env.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -195,6 +197,48 @@ TEST_F(LogdCaptureTest, OpensFourBuffersRendersEventsAndSkipsWhatCannotBeConvert
     EXPECT_TRUE(dir_becomes(root + "Ev", want)) << read_dir_files(root + "Ev").substr(0, 500);
     // Four events entries, one tag map.
     EXPECT_LE(mappings_naming("event-log-tags"), 1u);
+}
+
+// A full disk: the failed write is logged and ends the connection; after the
+// idle poll the reader continues the same file, and once space returns the
+// next entry follows what was written before.
+TEST_F(LogdCaptureTest, FullDiskKeepsTheFileAndResumesWhenSpaceReturns) {
+    LogCapture log;
+    FakeLogd logd(capture_root().at(VORN_LOGDR_SOCKET));
+    std::string dir = fresh_log_root("logdfull", "Full");
+    SmallDisk disk(std::filesystem::path(dir).parent_path().string(), "32k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << disk.error();
+    vorn_node *node = make_node("AdbMain", 0x02, "main", "Full/full");
+    disable_at_end guard{node};
+    set_enable(node, true);
+    start_variant<capture_logd>(node);
+    ASSERT_TRUE(wait_for([&] { return logd.readers() == 1; }, 6000)) << log.dump();
+    const std::string text(900, 'x');
+    for (int i = 0; i < 60 && !log.has("Failed to write out to log file\n"); i++) {
+        logd.send(entry(LOG_ID_MAIN, 4, "f", text));
+        ASSERT_TRUE(wait_for([&] { return logd.drained(); }, 3000));
+    }
+    ASSERT_TRUE(log.has("Failed to write out to log file\n")) << log.dump();
+    ASSERT_TRUE(wait_for([&] { return logd.readers() == 2; }, 6000)) << log.dump();
+    std::string first = file_at(dir, 0);
+    ASSERT_TRUE(disk.resize("1m"));
+    set_enable(node, false);  // the entry that shows it is written, and the file closed
+    logd.send(entry(LOG_ID_MAIN, 4, "f", "after"));
+    std::string last = line('I', "f", "after");
+    ASSERT_TRUE(wait_for(
+        [&] {
+            std::string now = file_at(dir, 0);
+            return now.size() > last.size() &&
+                   now.compare(now.size() - last.size(), last.size(), last) == 0;
+        },
+        6000))
+        << log.dump();
+    std::string after = file_at(dir, 0);
+    EXPECT_EQ(list_dir(dir).size(), 1u);
+    ASSERT_GT(first.size(), 10000u);
+    EXPECT_EQ(after.compare(0, first.size(), first), 0);  // nothing written was lost
+    EXPECT_EQ(first.compare(0, line('I', "f", text).size(), line('I', "f", text)), 0);
 }
 
 }  // namespace

@@ -2,14 +2,12 @@
 // failures drop back to the idle poll, no zombies, nothing written lost.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include "tests/capture/capture_env.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -68,10 +66,9 @@ TEST(PipeFault, ProviderThatLeavesADaemonBehind) {
 TEST(PipeFault, FullFileSystemKeepsTheFileAndResumesWhenSpaceReturns) {
     LogCapture log;
     std::string dir = fresh_log_root("full", "F");
-    std::string mnt = std::filesystem::path(dir).parent_path().string();
-    std::filesystem::create_directories(mnt);
-    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=32k") != 0)
-        GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    SmallDisk disk(std::filesystem::path(dir).parent_path().string(), "32k");
+    if (!disk.ok())
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << disk.error();
     vorn_node *node = start_pipe_node("exec yes full-disk-line", "F/full", 0);
     disable_at_end off{node};
     // Each failed write stops the command and drops to the idle poll; the
@@ -81,12 +78,11 @@ TEST(PipeFault, FullFileSystemKeepsTheFileAndResumesWhenSpaceReturns) {
     size_t files = list_dir(dir).size();
     std::string first = file_at(dir, 0);
     // Space returns: writing goes on in the same file.
-    mount("tmpfs", mnt.c_str(), nullptr, MS_REMOUNT, "size=1m");
+    disk.resize("1m");
     bool resumed = wait_for([&] { return file_at(dir, 0).size() > first.size() + 4096; }, 10000);
     bool settled = disable_and_settle(node);
     std::string after = file_at(dir, 0);
     size_t files_after = list_dir(dir).size();
-    umount2(mnt.c_str(), MNT_DETACH);
     ASSERT_TRUE(retried && settled) << log.dump();
     EXPECT_TRUE(resumed);
     EXPECT_EQ(files, 1u);

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,8 +21,9 @@
 #include "core/gbl_config.h"
 #include "crashdump/ssr.h"
 #include "platform/log.h"
-#include "tests/support/file_size_limit.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
 

@@ -131,6 +131,19 @@ TEST_F(ExtModem, FailedFolderCopiesLeaveNoTarget) {
     root.write(RAMDUMP_FOLDER "/qsc-stamp", "");
     EXPECT_EQ(ext_modem_copy_dir(&st, "/qsc", "/tombstones/mdm", "-stamp/x"), -22);
     EXPECT_TRUE(log.has("Unable to create directory " RAMDUMP_FOLDER "/qsc-stamp/x\n"));
+
+    // The disk fills during the copy: the modem's own files stay as they were.
+    unlink(root.at("/tombstones/mdm/broken").c_str());
+    root.write("/tombstones/mdm/mdm_dump.bin", pattern(70000));
+    int rc;
+    {
+        FileSizeLimit limit(50000);
+        rc = ext_modem_copy_dir(&st, "/mdm", "/tombstones/mdm", "-full");
+    }
+    EXPECT_EQ(rc, -22);
+    EXPECT_TRUE(log.has("copy_file: Failed to write file\n"));
+    EXPECT_FALSE(root.exists(RAMDUMP_FOLDER "/mdm-full"));
+    EXPECT_EQ(root.read("/tombstones/mdm/mdm_dump.bin"), pattern(70000));
 }
 
 TEST_F(ExtModem, CollectorCopiesWhatIsPendingForTheModemsPresent) {

@@ -54,7 +54,7 @@ TEST_F(SinkDump, SinkOfTheExpectedSizeIsSaved) {
     EXPECT_EQ(ok.prio, ANDROID_LOG_INFO);
 }
 
-TEST_F(SinkDump, BadArgumentsMissingDeviceAndSizeMismatch) {
+TEST_F(SinkDump, BadArgumentsMissingDeviceSizeMismatchAndFullDisk) {
     EXPECT_EQ(qdss_sink_dump(&st, nullptr, 65536), -22);
     EXPECT_EQ(qdss_sink_dump(&st, "coresight-tmc-etf", 0), -22);
     EXPECT_EQ(log.count("Invalid qdss device or size\n"), 2u);
@@ -65,6 +65,15 @@ TEST_F(SinkDump, BadArgumentsMissingDeviceAndSizeMismatch) {
     EXPECT_EQ(qdss_sink_dump(&st, "coresight-tmc-etf", 65536), -22);
     EXPECT_TRUE(log.has("qdss coresight-tmc-etf ramdump size mismatch\n"));
     EXPECT_EQ(saved("coresight-tmc-etf"), std::vector<std::string>{pattern(1000)});
+
+    // A full disk: what was written stays, and the dump fails with its message.
+    root.write("/dev/coresight-tmc-etr", pattern(65536));
+    {
+        FileSizeLimit limit(40000);
+        EXPECT_EQ(qdss_sink_dump(&st, "coresight-tmc-etr", 65536), -EIO);
+    }
+    EXPECT_TRUE(log.has("Writing qdss ramdump error\n"));
+    EXPECT_EQ(saved("coresight-tmc-etr"), std::vector<std::string>{pattern(40000)});
 }
 
 TEST_F(SinkDump, ThreadSavesTheCurrentSinksOnEachPost) {

@@ -127,6 +127,13 @@ TEST_F(SsrCollector, DumpsEachCrashAndStopsItsSideThreads) {
     ASSERT_TRUE(
         wait_until([&] { return log.has_containing("SSR: subsystem ramdump start"); }, 5000));
     EXPECT_TRUE(log.has("Attemping to create " RAMDUMP_FOLDER "\n"));
+    // The collector holds both devices open before the test closes its ends:
+    // a FIFO closed before its reader opens loses its data.
+    ASSERT_TRUE(wait_until(
+        [&] {
+            return open_fds_naming("ramdump_modem") == 2 && open_fds_naming("ramdump_smem") == 2;
+        },
+        10000));
 
     // The modem crashes: its dump, and the trace sink it wakes.
     std::string elf = pattern(40000,

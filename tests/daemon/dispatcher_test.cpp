@@ -15,7 +15,7 @@
 #include "core/node_table.h"
 #include "daemon/dispatcher.h"
 #include "daemon/register_table.h"
-#include "tests/core/daemon_state.h"
+#include "tests/support/daemon_state.h"
 #include "tests/support/file_saves.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"

@@ -11,7 +11,7 @@
 #include "core/node_ops.h"
 #include "core/node_table.h"
 #include "daemon/register_table.h"
-#include "tests/core/daemon_state.h"
+#include "tests/support/daemon_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"

@@ -10,6 +10,7 @@
 
 #include "dumpparser/dumpparser.h"
 #include "tests/dumpparser/dump_env.h"
+#include "tests/support/full_disk.h"
 
 namespace {
 
@@ -113,6 +114,28 @@ TEST_F(ParseTest, RecordWalk) {
     EXPECT_TRUE(log.has("DumpParser: Failed to open DDRCS0: No such file or directory"));
     EXPECT_EQ(dumpparser_dump_kmsg(0, 16, 0, "/img", "/no/dir/kmsg.txt"), -1);
     EXPECT_TRUE(log.has("DumpParser: Failed to create kmsg:No such file or directory"));
+}
+
+// A full disk: the lines written stay, the write error is reported.
+TEST_F(ParseTest, FullDiskKeepsTheLinesWrittenAndFails) {
+    std::string ring;
+    for (int i = 1; i <= 40; i++)
+        ring += record(static_cast<uint64_t>(i), std::string(60, static_cast<char>('a' + i % 26)));
+    root.write("/img", std::string(4096, 'x') + ring);
+    ASSERT_EQ(
+        dumpparser_dump_kmsg(4096, static_cast<uint32_t>(ring.size()), 0, "/img", "/kmsg.txt"), 0);
+    std::string whole = root.read("/kmsg.txt");
+    ASSERT_EQ(whole.size(), 40u * 79u);
+    int ret;
+    {
+        FileSizeLimit limit(1000);
+        ret =
+            dumpparser_dump_kmsg(4096, static_cast<uint32_t>(ring.size()), 0, "/img", "/kmsg.txt");
+    }
+    EXPECT_EQ(ret, -1);
+    EXPECT_EQ(root.read("/kmsg.txt"), whole.substr(0, 1000));
+    EXPECT_TRUE(log.has("DumpParser: Failed to write, wlen(1000) != len(3160): File too large"))
+        << log.dump();
 }
 
 TEST_F(ParseTest, CrashReason) {

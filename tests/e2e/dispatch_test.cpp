@@ -76,10 +76,7 @@ TEST(DispatchTest, ChangesAreAppliedInOrderAndWrittenBack) {
     EXPECT_EQ(attr(xml, "DumpParser", "mask"), "dp");
 
     // A changed log path is written and reported.
-    vorn_ctrl_msg path = ctrl_msg(VORN_MSG_SET_LOG_PATH);
-    vorn_msg_put_text(reinterpret_cast<char *>(&path) + VORN_MSG_GBL_LOG_PATH_OFF,
-                      VORN_MSG_GBL_LOG_PATH_LEN, "/sdcard/other/");
-    EXPECT_EQ(d.exchange(path).reply, "");
+    EXPECT_EQ(d.exchange(log_path_msg("/sdcard/other/")).reply, "");
     EXPECT_FALSE(d.wait_for_log("GLOBAL logpath change to /sdcard/other/").empty());
     EXPECT_EQ(attr(d.working_xml(), "global", "log_path"), "/sdcard/other/");
 

@@ -3,6 +3,7 @@
 // four nodes in an irregular order show both the pacing and any reordering.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -61,8 +62,8 @@ TEST(FloodTest, ChangesAreAllAppliedInOrderOneASecond) {
         EXPECT_NE(xml.find("mask=\"" + last_mask[n] + "\""), std::string::npos) << names[n];
 }
 
-// Stamps carry no year: differences across a day, a month end and New Year
-// still come out right.
+// Stamps carry no year: differences across a day, a month end, New Year and
+// the daylight-saving changes still come out right.
 TEST(FloodTest, LogLineTimesKnowTheMonthAndYear) {
     struct tm jan = {};
     jan.tm_year = 126;
@@ -79,6 +80,24 @@ TEST(FloodTest, LogLineTimesKnowTheMonthAndYear) {
     EXPECT_EQ(log_line_ms("03-01 00:00:00.000 x", now) - log_line_ms("02-28 23:59:59.000 x", now),
               1000);
     EXPECT_EQ(log_line_ms("no stamp", now), -1);
+
+    // Central European time: forward an hour at 02:00 on 2026-03-29, back an
+    // hour at 03:00 on 2026-10-25. The differences are real elapsed time.
+    const char *tz = getenv("TZ");
+    std::string saved_tz = tz ? tz : "";
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    jan.tm_mon = 10;  // 2026-11-02
+    now = mktime(&jan);
+    EXPECT_EQ(log_line_ms("03-29 03:00:00.400 x", now) - log_line_ms("03-29 01:59:59.500 x", now),
+              900);
+    EXPECT_EQ(log_line_ms("10-25 03:00:00.000 x", now) - log_line_ms("10-25 01:59:59.000 x", now),
+              2 * 3600 * 1000 + 1000);
+    if (tz != nullptr)
+        setenv("TZ", saved_tz.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
 }
 
 }  // namespace

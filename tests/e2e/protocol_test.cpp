@@ -7,12 +7,22 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/wait.h"
 
 namespace {
+
+// Descriptors a process holds open.
+size_t open_fds(pid_t pid) {
+    std::error_code ec;
+    std::filesystem::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", ec);
+    return ec ? 0 : static_cast<size_t>(std::distance(it, std::filesystem::directory_iterator()));
+}
 
 // Bytes 128-255 of a request: a pattern the reply must echo.
 void fill_reserved(vorn_ctrl_msg *m) {
@@ -97,9 +107,7 @@ TEST_F(ProtocolTest, RepliesAndRequestsWithoutReply) {
     // ignored types. The unchanged path does not rewrite the working file.
     FileSaves saves = d.working_saves();
     std::string before = d.working_xml();
-    vorn_ctrl_msg same_path = ctrl_msg(VORN_MSG_SET_LOG_PATH);
-    vorn_msg_put_text(reinterpret_cast<char *>(&same_path) + VORN_MSG_GBL_LOG_PATH_OFF,
-                      VORN_MSG_GBL_LOG_PATH_LEN, "/sdcard/logs/");
+    vorn_ctrl_msg same_path = log_path_msg("/sdcard/logs/");
     // An agent line filling bytes 1-255 reaches the agent whole.
     vorn_ctrl_msg agent = ctrl_msg(VORN_MSG_AGENT);
     memset(reinterpret_cast<char *>(&agent) + 1, 'a', 255);
@@ -147,12 +155,14 @@ TEST_F(ProtocolTest, BadInputNeverStopsTheDaemon) {
     // Ten clients that connect and stay silent delay nobody: a query is
     // answered at once, and each silent one is closed after 5 s. A client gone
     // before its reply costs a logged send failure.
+    size_t held = open_fds(d.pid());
     int silent[10];
     for (int &fd : silent) {
         fd = d.connect_socket();
         ASSERT_GE(fd, 0);
     }
-    usleep(200000);  // the daemon has accepted them all
+    // The daemon has accepted them all before the next client comes.
+    ASSERT_TRUE(wait_until([&] { return open_fds(d.pid()) >= held + 10; }, 3000));
     int gone = d.connect_socket();
     ASSERT_GE(gone, 0);
     // Not reading any more: the reply fails however soon it is sent.
@@ -175,13 +185,6 @@ TEST_F(ProtocolTest, BadInputNeverStopsTheDaemon) {
                                 "Broken pipe")
                      .empty());
 
-    // 1,000 connections in a row, every one answered.
-    int answered = 0;
-    for (int i = 0; i < 1000; i++) {
-        r = d.exchange(ctrl_msg(VORN_MSG_GET_GLOBAL));
-        answered += r.reply.size() == 256 && static_cast<uint8_t>(r.reply[0]) == 0x80;
-    }
-    EXPECT_EQ(answered, 1000);
     EXPECT_TRUE(d.alive());
     // The working file is the configuration as loaded.
     EXPECT_NE(d.working_xml().find("<Alpha logname=\"Alpha\""), std::string::npos);

@@ -123,12 +123,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         vornd_dispatch_cmd(cmd);
 
     if (type == VORN_MSG_SET_NODE || type == VORN_MSG_SET_LOG_PATH) {
-        xmlDocPtr doc;
+        unique_xml_doc doc;
         xmlNodePtr root;
         if (read_xml_file(VORN_WORK_CONF, &doc, &root) != 0 ||
             xmlChildElementCount(root) != kElements)
             abort();
-        xmlFreeDoc(doc);
     }
     reset_state();
     return 0;

@@ -10,7 +10,7 @@
 #include "core/gbl_config.h"
 #include "platform/io.h"
 #include "tests/qdss/qdss_env.h"
-#include "tests/support/file_size_limit.h"
+#include "tests/support/full_disk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/wait.h"
 

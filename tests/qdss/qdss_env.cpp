@@ -17,7 +17,7 @@ TempRoot &qdss_root() {
     static TempRoot *root = [] {
         auto *r = new TempRoot();
         std::string err;
-        if (!create_device_root(r->path(), DeviceRootSpec{}, &err))
+        if (!create_device_root(r->path(), DeviceRootOptions{}, &err))
             fprintf(stderr, "qdss tests: no device root: %s\n", err.c_str());
         // The phone's recording stop and start, which the ETM commands run.
         std::string path = r->at("/system/bin") + ":" + getenv("PATH");

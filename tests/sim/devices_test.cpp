@@ -30,7 +30,7 @@ class DevicesTest : public ::testing::Test {
         if (!fuse_usable(&why))
             GTEST_SKIP() << "FUSE cannot mount here: " << why;
         std::string err;
-        ASSERT_TRUE(create_device_root(root_.path(), DeviceRootSpec{}, &err)) << err;
+        ASSERT_TRUE(create_device_root(root_.path(), DeviceRootOptions{}, &err)) << err;
         phone_ = std::make_unique<SimPhone>(root_.path());
         if (!phone_->up(&err))
             GTEST_SKIP() << "FUSE cannot mount here: " << err;

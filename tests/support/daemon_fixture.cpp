@@ -210,6 +210,13 @@ vorn_ctrl_msg ctrl_msg(uint8_t type, const char *logname, uint8_t enable, const 
     return m;
 }
 
+vorn_ctrl_msg log_path_msg(const char *path) {
+    vorn_ctrl_msg m = ctrl_msg(VORN_MSG_SET_LOG_PATH);
+    vorn_msg_put_text(reinterpret_cast<char *>(&m) + VORN_MSG_GBL_LOG_PATH_OFF,
+                      VORN_MSG_GBL_LOG_PATH_LEN, path);
+    return m;
+}
+
 std::string msg_bytes(const vorn_ctrl_msg &msg) {
     return std::string(reinterpret_cast<const char *>(&msg), sizeof msg);
 }

@@ -97,6 +97,8 @@ class DaemonFixture : public TempRoot {
 // A control message of the given type with its name, enable byte and mask.
 vorn_ctrl_msg ctrl_msg(uint8_t type, const char *logname = "", uint8_t enable = 0,
                        const char *mask = "");
+// A type-4 message setting the log path.
+vorn_ctrl_msg log_path_msg(const char *path);
 // The message as the bytes a client sends.
 std::string msg_bytes(const vorn_ctrl_msg &msg);
 

@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 namespace {
 // Output goes to memory files, so that children left behind holding them
 // never delay the result.
@@ -86,4 +88,15 @@ ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms) 
     r.out = contents(out);
     r.err = contents(err);
     return r;
+}
+
+size_t open_fds_naming(const std::string &needle) {
+    size_t n = 0;
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+        std::error_code lec;
+        std::string target = std::filesystem::read_symlink(e.path(), lec).string();
+        n += !lec && target.find(needle) != std::string::npos;
+    }
+    return n;
 }

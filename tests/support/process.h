@@ -1,4 +1,5 @@
-// Runs a program to completion for black-box tests.
+// Runs a program to completion for black-box tests, and looks at this
+// process's own descriptors.
 #pragma once
 
 #include <sys/types.h>
@@ -34,3 +35,6 @@ class BackgroundProcess {
     int out_ = -1;
     int status_ = -1;
 };
+
+// Descriptors of this process open on a path containing needle ("": all).
+size_t open_fds_naming(const std::string &needle);

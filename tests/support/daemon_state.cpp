@@ -1,4 +1,4 @@
-#include "tests/core/daemon_state.h"
+#include "tests/support/daemon_state.h"
 
 #include <libxml/tree.h>
 
