@@ -75,7 +75,7 @@ int ssr_disable(vorn_node *node, const vorn_ctrl_msg *cmd) {
     VLOGI("SSR : disable subsystem ramdump");
     if (run_line("echo 0 > %s", sys_word(SSR_ENABLE_RAMDUMPS)) != 0)
         VLOGE("Failed to disable subsystem ramdump");
-    // The message names RELATED here too, as it always has.
+    // The failure line reads RELATED for both levels: tools on the phone match that text.
     set_levels("SYSTEM");
     if (node != nullptr)
         node->enable = cmd != nullptr ? (cmd->enable & VORN_ENABLE_BIT) : 0;
