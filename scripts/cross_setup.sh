@@ -16,29 +16,10 @@ packages=(
   libgtest-dev:arm64 libgmock-dev:arm64
 )
 
-if [ "$(id -u)" -ne 0 ]; then
-  SUDO=sudo
-else
-  SUDO=
-fi
-export DEBIAN_FRONTEND=noninteractive
-
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   echo "cross_setup: adding the arm64 architecture"
-  $SUDO dpkg --add-architecture arm64
+  if [ "$(id -u)" -ne 0 ]; then sudo dpkg --add-architecture arm64; else dpkg --add-architecture arm64; fi
 fi
 
-missing=()
-for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("$p")
-  fi
-done
-
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
-fi
-
-echo "cross_setup: installing ${missing[*]}"
-$SUDO apt-get update -qq || true
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+. "$(dirname "$0")/apt_install.sh"
+apt_install_missing cross_setup "${packages[@]}"
