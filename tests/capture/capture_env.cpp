@@ -197,12 +197,13 @@ bool blocked_reading(const std::string &needle, int skip_fd) {
             fds.insert(fd);
     }
     // A task's "syscall" file starts with the call's number and its first
-    // argument, the descriptor of a read.
+    // argument, the descriptor of a read. Under qemu-user it shows the host's
+    // call: read is 0 on x86_64 hosts (io_setup on arm64, which never blocks).
     for (const auto &e : std::filesystem::directory_iterator("/proc/self/task", ec)) {
         long nr = -1;
         unsigned long arg = 0;
         if (sscanf(read_file(e.path().string() + "/syscall").c_str(), "%ld %lx", &nr, &arg) == 2 &&
-            nr == SYS_read && fds.count(static_cast<long>(arg)) != 0)
+            (nr == SYS_read || nr == 0) && fds.count(static_cast<long>(arg)) != 0)
             return true;
     }
     return false;
