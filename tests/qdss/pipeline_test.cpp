@@ -115,6 +115,7 @@ TEST_F(QdssPipeline, ReadErrorSwitchesTheNodeOffUntilTheNextCommand) {
     unique_fd fifo(qdss_fifo("/dev/trace-back"));
     {
         vorn_node_guard g(node);
+        free(node->log_provider);
         node->log_provider = strdup("/dev/trace-back");
     }
     qdss_switch(node, true);
