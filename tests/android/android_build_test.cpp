@@ -7,25 +7,18 @@
 #include <cctype>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "daemon/control_socket.h"
-#include "tests/android/blueprint.h"
+#include "tests/support/temp_root.h"
 
 namespace {
 
 const std::string kAndroid = std::string(VORN_SOURCE_DIR) + "/android/";
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 std::vector<std::string> lines_of(const std::string &text) {
     std::vector<std::string> out;
@@ -49,6 +42,148 @@ std::vector<std::string> split(const std::string &s, char sep) {
             out.push_back(item);
     return out;
 }
+
+// A reader for the subset of Blueprint (Android.bp) the project writes:
+// modules `type { name: value, ... }` whose values are strings, words (true,
+// false, numbers), lists and nested maps; top-level `var = value` lines; //
+// and /* */ comments.
+struct bp_value {
+    std::string text;  // a string or a word
+    std::vector<bp_value> list;
+    std::map<std::string, bp_value> map;
+};
+
+struct bp_module {
+    std::string type;
+    int line = 0;
+    std::map<std::string, bp_value> props;
+
+    std::string name() const { return props.count("name") ? props.at("name").text : ""; }
+    // The strings of a list property (empty when absent); nested under
+    // target.android etc. when path has dots ("target.android.init_rc").
+    std::vector<std::string> strings(const std::string &path) const {
+        const std::map<std::string, bp_value> *level = &props;
+        std::vector<std::string> out;
+        for (const std::string &key : split(path, '.')) {
+            auto it = level->find(key);
+            if (it == level->end())
+                return {};
+            out.clear();
+            for (const bp_value &item : it->second.list)
+                out.push_back(item.text);
+            level = &it->second.map;
+        }
+        return out;
+    }
+};
+
+class bp_reader {
+  public:
+    // Splits s into tokens: 's' strings (unquoted), 'w' words, punctuation as itself.
+    explicit bp_reader(const std::string &s) {
+        int line = 1;
+        for (size_t i = 0, counted = 0; i < s.size() && err_.empty();) {
+            line += static_cast<int>(std::count(s.begin() + counted, s.begin() + i, '\n'));
+            counted = i;
+            if (isspace(static_cast<unsigned char>(s[i]))) {
+                i++;
+            } else if (s.compare(i, 2, "//") == 0) {
+                i = std::min(s.find('\n', i), s.size());
+            } else if (s.compare(i, 2, "/*") == 0) {
+                i = std::min(s.find("*/", i + 2), s.size() - 2) + 2;
+            } else if (s[i] == '"') {
+                std::string text;
+                for (i++; i < s.size() && s[i] != '"' && s[i] != '\n'; i++)
+                    text += s[i] == '\\' && i + 1 < s.size() ? s[++i] : s[i];
+                if (i++ >= s.size() || s[i - 1] != '"')
+                    err_ = "line " + std::to_string(line) + ": unterminated string";
+                toks_.push_back({'s', text, line});
+            } else if (isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_' || s[i] == '-') {
+                size_t b = i++;
+                while (i < s.size() && (isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_'))
+                    i++;
+                toks_.push_back({'w', s.substr(b, i - b), line});
+            } else if (std::string_view("{}[]:,=").find(s[i]) != std::string_view::npos) {
+                toks_.push_back({s[i], std::string(1, s[i]), line});
+                i++;
+            } else {
+                err_ = "line " + std::to_string(line) + ": unexpected " + s[i];
+            }
+        }
+    }
+
+    // The modules; false on a syntax error, with "line N: what" in err.
+    bool modules(std::vector<bp_module> *out, std::string *err) {
+        while (err_.empty() && at_ < toks_.size()) {
+            bp_module m{toks_[at_].text, toks_[at_].line, {}};
+            bp_value unused;
+            if (!eat('w'))
+                fail("expected a module type or a variable");
+            else if (eat('='))
+                value(&unused);
+            else if (eat('{') && map_body(&m.props))
+                out->push_back(m);
+            else
+                fail("expected '{' after " + m.type);
+        }
+        *err = err_;
+        return err_.empty();
+    }
+
+  private:
+    struct token {
+        char kind;
+        std::string text;
+        int line;
+    };
+
+    bool is(char kind) const { return at_ < toks_.size() && toks_[at_].kind == kind; }
+    bool eat(char kind) { return is(kind) && (++at_, true); }
+    bool fail(const std::string &what) {
+        int line = toks_.empty() ? 1 : toks_[std::min(at_, toks_.size() - 1)].line;
+        if (err_.empty())
+            err_ = "line " + std::to_string(line) + ": " + what;
+        return false;
+    }
+    // `name: value` pairs up to the closing brace, commas between them.
+    bool map_body(std::map<std::string, bp_value> *props) {
+        while (!eat('}')) {
+            std::string key = is('w') ? toks_[at_].text : "";
+            if (!eat('w'))
+                return fail("expected a property name");
+            if (!eat(':'))
+                return fail("expected ':' after " + key);
+            if (props->count(key))
+                return fail("property " + key + " given twice");
+            if (!value(&(*props)[key]))
+                return false;
+            if (!eat(',') && !is('}'))
+                return fail("expected ',' or '}' after " + key);
+        }
+        return true;
+    }
+    bool value(bp_value *v) {
+        if (eat('{'))
+            return map_body(&v->map);
+        if (is('s') || is('w')) {
+            v->text = toks_[at_++].text;
+            return true;
+        }
+        if (!eat('['))
+            return fail("expected a value");
+        while (!eat(']')) {
+            if (!value(&v->list.emplace_back()))
+                return false;
+            if (!eat(',') && !is(']'))
+                return fail("expected ',' or ']' in a list");
+        }
+        return true;
+    }
+
+    std::vector<token> toks_;
+    size_t at_ = 0;
+    std::string err_;
+};
 
 std::string join(const std::set<std::string> &items) {
     std::string out;
@@ -129,7 +264,7 @@ class AndroidBp : public testing::Test {
         ASSERT_TRUE(targets_.count("vornd") && targets_.count("vornctl"))
             << "no target list at " << VORN_CMAKE_TARGETS;
         std::string err;
-        ASSERT_TRUE(bp_parse(read_file(kAndroid + "Android.bp"), &modules_, &err))
+        ASSERT_TRUE(bp_reader(read_file(kAndroid + "Android.bp")).modules(&modules_, &err))
             << "android/Android.bp " << err;
         for (const char *bin : {"vornd", "vornctl"}) {
             shipped_.insert(bin);
@@ -260,47 +395,31 @@ std::string context_type(const std::string &context) {
     return parts.size() == 4 ? parts[2] : "";
 }
 
-// A file_contexts line: its path pattern (an extended regular expression
-// that must match the whole path) and its type.
-struct label {
-    std::string pattern;
-    std::string type;
-    std::shared_ptr<regex_t> re;
-
-    bool matches(const std::string &path) const {
-        return re && regexec(re.get(), path.c_str(), 0, nullptr, 0) == 0;
-    }
-};
-
-std::vector<label> file_contexts() {
-    std::vector<label> out;
+// file_contexts: each line's path pattern (an extended regular expression
+// that must match the whole path) and type.
+std::vector<std::pair<std::string, std::string>> file_contexts() {
+    std::vector<std::pair<std::string, std::string>> out;
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/file_contexts"))) {
-        std::string t = trim(l);
-        if (t.empty() || t[0] == '#')
-            continue;
-        std::vector<std::string> w = words(t);
-        w.resize(2);
-        auto *re = new regex_t;
-        std::shared_ptr<regex_t> owned;
-        if (regcomp(re, ("^(" + w[0] + ")$").c_str(), REG_EXTENDED | REG_NOSUB) == 0) {
-            owned.reset(re, [](regex_t *r) {
-                regfree(r);
-                delete r;
-            });
-        } else {
-            delete re;
-            ADD_FAILURE() << "file_contexts: bad pattern " << w[0];
-        }
-        out.push_back({w[0], context_type(w[1]), owned});
+        std::vector<std::string> w = words(l);
+        if (!w.empty() && w[0][0] != '#')
+            out.push_back({w[0], w.size() > 1 ? context_type(w[1]) : ""});
     }
     return out;
 }
 
-std::string type_of(const std::vector<label> &labels, const std::string &path) {
+std::string type_of(const std::vector<std::pair<std::string, std::string>> &labels,
+                    const std::string &path) {
     std::string type;
-    for (const label &l : labels)
-        if (l.matches(path))
-            type = l.type;  // the last match wins, as for the policy's own files
+    for (const auto &[pattern, label] : labels) {
+        regex_t re;
+        if (regcomp(&re, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+            ADD_FAILURE() << "file_contexts: bad pattern " << pattern;
+            continue;
+        }
+        if (regexec(&re, path.c_str(), 0, nullptr, 0) == 0)
+            type = label;  // the last match wins, as for the policy's own files
+        regfree(&re);
+    }
     return type;
 }
 
@@ -355,7 +474,7 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
     EXPECT_TRUE(options.count("user root"));
     EXPECT_TRUE(options.count("class late_start"));
 
-    std::vector<label> labels = file_contexts();
+    auto labels = file_contexts();
     std::set<std::string> types = declared_types();
     EXPECT_EQ(type_of(labels, path), "vornd_exec") << path;
     EXPECT_EQ(type_of(labels, VORN_SOCKET_PATH), "vornd_socket");
@@ -363,8 +482,8 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
         EXPECT_EQ(type_of(labels, file), "vornd_data_file") << file;
     for (const char *dev : {"/dev/ramdump_modem", "/dev/ramdump_smem-modem"})
         EXPECT_EQ(type_of(labels, dev), "vornd_ramdump_device") << dev;
-    for (const label &l : labels)
-        EXPECT_TRUE(types.count(l.type)) << l.pattern << " has the undeclared type " << l.type;
+    for (const auto &[pattern, type] : labels)
+        EXPECT_TRUE(types.count(type)) << pattern << " has the undeclared type " << type;
 }
 
 TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
