@@ -15,18 +15,11 @@
 
 #include "daemon/control_socket.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 
 namespace {
 
 const std::string kAndroid = std::string(VORN_SOURCE_DIR) + "/android/";
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::stringstream ss(text);
-    for (std::string l; std::getline(ss, l);)
-        out.push_back(l);
-    return out;
-}
 
 std::string trim(const std::string &s) {
     size_t b = s.find_first_not_of(" \t\r");
@@ -380,15 +373,6 @@ TEST_F(AndroidBp, DaemonShipsItsServiceAndConfiguration) {
                     << m.name() << " names " << f;
 }
 
-// The words of a line.
-std::vector<std::string> words(const std::string &line) {
-    std::vector<std::string> out;
-    std::stringstream ss(line);
-    for (std::string w; ss >> w;)
-        out.push_back(w);
-    return out;
-}
-
 // The type of a context "u:object_r:TYPE:s0".
 std::string context_type(const std::string &context) {
     std::vector<std::string> parts = split(context, ':');
@@ -400,7 +384,7 @@ std::string context_type(const std::string &context) {
 std::vector<std::pair<std::string, std::string>> file_contexts() {
     std::vector<std::pair<std::string, std::string>> out;
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/file_contexts"))) {
-        std::vector<std::string> w = words(l);
+        std::vector<std::string> w = words_of(l);
         if (!w.empty() && w[0][0] != '#')
             out.push_back({w[0], w.size() > 1 ? context_type(w[1]) : ""});
     }
@@ -503,7 +487,7 @@ TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
                 << "vornd.te line " << i + 1 << " uses the undeclared type " << type;
     }
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/genfs_contexts"))) {
-        std::vector<std::string> w = words(l);
+        std::vector<std::string> w = words_of(l);
         if (w.empty() || w[0][0] == '#')
             continue;
         ASSERT_EQ(w.size(), 4u) << "genfscon FS PATH CONTEXT: " << l;

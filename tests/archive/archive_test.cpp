@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +22,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -88,9 +88,8 @@ class ArchiveTest : public ::testing::Test {
     // Results of the upload notices recorded by am, in order.
     std::vector<int> results() const {
         std::vector<int> out;
-        std::istringstream in(root.read("/data/broadcasts.log"));
         int r;
-        for (std::string l; std::getline(in, l);) {
+        for (const std::string &l : lines_of(root.read("/data/broadcasts.log"))) {
             if (sscanf(l.c_str(), "am broadcast -a action.kymbal.from_vornd --ei result %d", &r) &&
                 l.ends_with(" --es para UPLOAD"))
                 out.push_back(r);

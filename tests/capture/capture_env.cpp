@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -12,12 +13,12 @@
 #include <deque>
 #include <filesystem>
 #include <set>
-#include <sstream>
 
 #include "capture/capture_worker.h"
 #include "capture/logger_entry.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
+#include "tests/support/text.h"
 
 namespace fs = std::filesystem;
 
@@ -149,12 +150,6 @@ bool has_zombie_child() {
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
 
-bool process_gone(pid_t pid) {
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
-}
-
 std::string klog_entry(const std::string &payload, int len_field) {
     vorn_klog_entry h{};
     h.len = static_cast<uint16_t>(len_field < 0 ? payload.size() : len_field);
@@ -174,6 +169,17 @@ int make_fifo(const std::string &dev) {
     std::string path = capture_root().at(dev);
     mkfifo(path.c_str(), 0600);
     return open(path.c_str(), O_RDWR | O_CLOEXEC);
+}
+
+bool put(int fd, const std::string &bytes, int timeout_ms) {
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        return false;
+    return wait_for(
+        [&] {
+            int pending = 0;
+            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
+        },
+        timeout_ms);
 }
 
 void block_log_root(const std::string &log_root) {
@@ -209,9 +215,8 @@ bool blocked_reading(const std::string &needle, int skip_fd) {
 }
 
 size_t mappings_naming(const std::string &needle) {
-    std::istringstream maps(read_file("/proc/self/maps"));
     size_t n = 0;
-    for (std::string l; std::getline(maps, l);)
+    for (const std::string &l : lines_of(read_file("/proc/self/maps")))
         n += l.find(needle) != std::string::npos;
     return n;
 }

@@ -2,7 +2,6 @@
 // kernel-logger data, the pre-log buffer while the log root is unusable, and
 // the multi-device reader's slots.
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <string>
@@ -11,18 +10,6 @@
 #include "tests/support/log_capture.h"
 
 namespace {
-
-// Writes bytes and waits until the reader has taken them: a FIFO keeps no
-// record boundaries, a logger device hands out one entry per read.
-void put(int fd, const std::string &bytes) {
-    ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    EXPECT_TRUE(wait_for(
-        [&] {
-            int pending = 0;
-            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
-        },
-        6000));
-}
 
 TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     LogCapture log;
@@ -44,15 +31,15 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
 
     // Raw bytes, zero bytes included, go through unchanged.
     const std::string early("early\0\xff raw\n", 12);
-    put(raw_fd, early);
-    put(klog_fd, klog_entry(klog_text(4, "boot", "first\nsecond")));
-    put(klog_fd, klog_entry(klog_text(6, "boot", "third")));
+    EXPECT_TRUE(put(raw_fd, early));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(4, "boot", "first\nsecond"))));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(6, "boot", "third"))));
     usleep(300 * 1000);
     EXPECT_TRUE(read_dir_files(root + "Raw").empty());
 
     unblock_log_root(root);
-    put(raw_fd, "late\n");
-    put(klog_fd, klog_entry(klog_text(5, "late", "fourth")));
+    EXPECT_TRUE(put(raw_fd, "late\n"));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(5, "late", "fourth"))));
     const std::string stamp = "11-14 22:13:20.123: ";
     const std::string klog_lines =
         stamp + "I/boot    ( 1234): first\n" + stamp + "I/boot    ( 1234): second\n" + stamp +
@@ -63,8 +50,8 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     EXPECT_EQ(log.count("Free pre log buf: /dev/klog0\n"), 1u);
 
     // A wrong-length entry is dropped and the reader goes on.
-    put(klog_fd, klog_entry(klog_text(4, "bad", "dropped"), 3));
-    put(klog_fd, klog_entry(klog_text(4, "ok", "after")));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(4, "bad", "dropped"), 3)));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(4, "ok", "after"))));
     EXPECT_TRUE(dir_becomes(root + "Klog", klog_lines + stamp + "I/ok      ( 1234): after\n"));
     EXPECT_TRUE(log.has("WARNING: read expected: 3,  read actually: 13\n")) << log.dump();
 
@@ -72,13 +59,13 @@ TEST(DevnodeCaptureTest, PreLogDataLeadsTheFirstFileOnceTheLogRootIsWritable) {
     // then device and file close.
     ASSERT_TRUE(wait_for([&] { return blocked_reading("raw0", raw_fd); }, 3000));
     set_enable(raw, false);
-    put(raw_fd, "last\n");
+    EXPECT_TRUE(put(raw_fd, "last\n"));
     EXPECT_TRUE(dir_becomes(root + "Raw", early + "late\nlast\n"));
     EXPECT_TRUE(wait_for([&] { return open_fds_naming("raw0") == 1; }, 3000));
     ASSERT_EQ(write(raw_fd, "unread\n", 7), 7);
     EXPECT_EQ(read_dir_files(root + "Raw"), early + "late\nlast\n");
     set_enable(klog, false);
-    put(klog_fd, klog_entry(klog_text(4, "ok", "bye")));
+    EXPECT_TRUE(put(klog_fd, klog_entry(klog_text(4, "ok", "bye"))));
     close(raw_fd);
     close(klog_fd);
 }
@@ -100,7 +87,7 @@ TEST(DevnodeCaptureTest, MultiDeviceReaderUsesFourSlotsAndSkipsTheOneThatWillNot
     std::string want;
     for (auto [fd, text] :
          {std::pair{a, "from a\n"}, {b, "from b\n"}, {c, "from c\n"}, {a, "a again\n"}}) {
-        put(fd, text);
+        EXPECT_TRUE(put(fd, text));
         want += text;
         ASSERT_TRUE(dir_becomes(root + "Multi", want)) << read_dir_files(root + "Multi");
     }
@@ -111,7 +98,7 @@ TEST(DevnodeCaptureTest, MultiDeviceReaderUsesFourSlotsAndSkipsTheOneThatWillNot
     // A change is seen with the next delivery; the slots and the file close.
     usleep(100 * 1000);
     set_enable(node, false);
-    put(b, "seen\n");
+    EXPECT_TRUE(put(b, "seen\n"));
     EXPECT_TRUE(dir_becomes(root + "Multi", want + "seen\n"));
     ASSERT_EQ(write(c, "not seen\n", 9), 9);
     usleep(300 * 1000);

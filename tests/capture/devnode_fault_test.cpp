@@ -2,7 +2,6 @@
 // full disk, and descriptors past the old select() limit.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,18 +14,6 @@
 #include "tests/support/log_capture.h"
 
 namespace {
-
-// Writes bytes and waits until the reader has taken them.
-bool put(int fd, const std::string &bytes, int timeout_ms = 8000) {
-    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-        return false;
-    return wait_for(
-        [&] {
-            int pending = 0;
-            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
-        },
-        timeout_ms);
-}
 
 TEST(DevnodeFault, LogRootAndDeviceRemovedWhileInUse) {
     LogCapture log;

@@ -15,7 +15,9 @@
 #include "core/command_line.h"
 #include "core/shell.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -143,22 +145,13 @@ TEST(ShellTest, ChildrenDieWithTheDaemon) {
         run_program({"sh", "-c", "echo $$ > " + pidfile + "; exec sleep 60"});
         _exit(0);
     }
-    std::string pid;
-    for (int i = 0; i < 500 && (pid = read_file(pidfile)).empty(); i++)
-        usleep(10000);
-    ASSERT_FALSE(pid.empty());
-    pid.erase(pid.find_last_not_of('\n') + 1);
+    ASSERT_TRUE(wait_until([&] { return !read_file(pidfile).empty(); }, 5000, 10));
+    pid_t pid = atoi(read_file(pidfile).c_str());
     kill(daemon, SIGKILL);
     waitpid(daemon, nullptr, 0);
-    bool gone = false;
-    for (int i = 0; i < 500 && !gone; i++) {
-        // Reaped by init once it died; a zombie counts as gone too.
-        std::string stat = read_file("/proc/" + pid + "/stat");
-        gone = stat.empty() || stat.find(") Z ") != std::string::npos;
-        if (!gone)
-            usleep(10000);
-    }
-    EXPECT_TRUE(gone) << "child " << pid << " outlived its parent";
+    // Reaped by init once it died; a zombie counts as gone too.
+    EXPECT_TRUE(wait_until([&] { return process_gone(pid); }, 5000, 10))
+        << "child " << pid << " outlived its parent";
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 // The GPU hang snapshot: the hang rule, the copy and its "ZIP GPU" notice,
 // recorded by the stand-in am first on PATH.
-#include <fstream>
-#include <sstream>
-
 #include "crashdump/crashdump.h"
 #include "crashdump/gpu_snapshot.h"
 #include "tests/crashdump/crash_env.h"
-#include "tests/support/text_shape.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -29,11 +26,7 @@ class GpuSnapshot : public CrashEnv {
         root.write("/sys/class/kgsl/kgsl-3d0/snapshot/dump", dump);
     }
     std::vector<std::string> broadcasts() const {
-        std::vector<std::string> out;
-        std::istringstream in(root.read("/data/broadcasts.log"));
-        for (std::string l; std::getline(in, l);)
-            out.push_back(l);
-        return out;
+        return lines_of(root.read("/data/broadcasts.log"));
     }
     std::vector<std::string> dumps() const { return entries("/sdcard/logs/GPU"); }
 

@@ -3,7 +3,7 @@
 #include <thread>
 
 #include "tests/crashdump/crash_env.h"
-#include "tests/support/text_shape.h"
+#include "tests/support/text.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 // reaches the logd capture file; and, on an older phone, the kernel logger
 // devices and a collector facing eleven ramdump devices.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "sim/blob_device.h"
@@ -27,16 +27,6 @@ const char kNodes[] =
     "  <AdbMain logname=\"AdbMain\" enable=\"1\" logtype=\"2\" size=\"1048576\" "
     "log_provider=\"main;system\" log_filepath=\"Adb/main\"/>\n"
     "</vornconf>\n";
-
-unsigned mode_of(const std::string &path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-off_t size_of(const std::string &path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
 
 TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     SimDaemonFixture d;
@@ -65,8 +55,8 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     ASSERT_EQ(etf.size(), 1u);
     ASSERT_EQ(etr.size(), 1u);
     EXPECT_EQ(read_file(etf[0]), trace_bytes(65536));
-    EXPECT_EQ(size_of(etr[0]), 1048576);
-    EXPECT_EQ(mode_of(modem[0]), 0400u);
+    EXPECT_EQ(std::filesystem::file_size(etr[0]), 1048576u);
+    EXPECT_EQ(std::filesystem::status(modem[0]).permissions(), std::filesystem::perms::owner_read);
 
     // A shared-memory dump is saved but wakes no sink dump.
     r = d.vornsim({"crash", d.path(), "smem", "--size", "4096"});

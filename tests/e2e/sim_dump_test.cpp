@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tests/support/sim_fixture.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -21,9 +21,7 @@ using Line = std::pair<unsigned long long, std::string>;  // microseconds, text
 // "<6>[   12.345678] text" lines of dmesg -r.
 std::vector<Line> dmesg_lines(const std::string &out) {
     std::vector<Line> lines;
-    std::istringstream in(out);
-    std::string l;
-    while (std::getline(in, l)) {
+    for (const std::string &l : lines_of(out)) {
         unsigned long long sec = 0, usec = 0;
         size_t close = l.find("] ");
         if (close == std::string::npos || sscanf(l.c_str(), "<%*d>[ %llu.%llu]", &sec, &usec) != 2)
@@ -36,9 +34,7 @@ std::vector<Line> dmesg_lines(const std::string &out) {
 // "0000000000bc614e: text" lines of kmsg.txt (nanoseconds).
 std::vector<Line> kmsg_lines(const std::string &out) {
     std::vector<Line> lines;
-    std::istringstream in(out);
-    std::string l;
-    while (std::getline(in, l)) {
+    for (const std::string &l : lines_of(out)) {
         if (l.size() < 18 || l[16] != ':')
             continue;
         lines.push_back({std::stoull(l.substr(0, 16), nullptr, 16) / 1000, l.substr(18)});

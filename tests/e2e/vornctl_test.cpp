@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -91,11 +91,7 @@ TEST_F(VornctlTest, NodeAndGlobalCommands) {
           "disable Alpha --mask x"s, "enable Alpha --mask " + std::string(100, 'm'),
           "set-log-path " + std::string(117, 'p'), "agent"s, "agent " + std::string(255, 'a'),
           "archive Crash"s, "--timeout 0 global"s, "global --wait"s}) {
-        std::vector<std::string> args;
-        std::istringstream words(line);
-        for (std::string w; words >> w;)
-            args.push_back(w);
-        ctl(args, 2);
+        ctl(words_of(line), 2);
     }
     EXPECT_EQ(ctl({"--help"}, 0).out.rfind("Usage: vornctl", 0), 0u);
     EXPECT_NE(ctl({"--socket", d.at("/dev/socket/none"), "global"}, 3).err.find("cannot connect"),
@@ -184,8 +180,7 @@ TEST(ManualPages, HoldEveryCommandAndOptionOfTheHelp) {
         ProcessResult help = run_process({build_binary(program), "--help"}, 5000);
         ASSERT_EQ(help.exit_status, 0);
         int entries = 0;
-        std::istringstream in(help.out);
-        for (std::string line; std::getline(in, line);) {
+        for (const std::string &line : lines_of(help.out)) {
             // An entry: two blanks, then the command or option itself.
             if (line.size() < 3 || line.compare(0, 2, "  ") != 0 || line[2] == ' ')
                 continue;

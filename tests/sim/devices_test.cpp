@@ -18,6 +18,7 @@
 #include "sim/device_root.h"
 #include "sim/phone.h"
 #include "sim/ramdump_device.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
 
@@ -69,12 +70,6 @@ std::string read_to_eof(int fd) {
 
 void no_op(int) {}
 
-long resident_kib() {
-    std::string status = read_file("/proc/self/status");
-    size_t at = status.find("VmRSS:");
-    return at == std::string::npos ? 0 : atol(status.c_str() + at + 6);
-}
-
 TEST_F(DevicesTest, RamdumpBlocksStreamsEndsAndQueuesACrashDuringARead) {
     unique_fd fd = open_dev("/dev/ramdump_modem");
     ASSERT_TRUE(fd.valid());
@@ -107,12 +102,12 @@ TEST_F(DevicesTest, RamdumpBlocksStreamsEndsAndQueuesACrashDuringARead) {
     EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
 
     // A 1 GiB dump is made as it is read, not held.
-    long rss = resident_kib();
+    long rss = resident_kib(getpid());
     ASSERT_EQ(cmd("crash modem 1073741824 0"), 0);
     char head[8];
     ASSERT_EQ(read(fd.get(), head, sizeof head), 8);
     EXPECT_EQ(std::string(head, 8), ramdump_bytes("modem", 8, false));
-    EXPECT_LT(resident_kib() - rss, 64 * 1024);
+    EXPECT_LT(resident_kib(getpid()) - rss, 64 * 1024);
 
     // Another device is untouched; bad injections are refused.
     unique_fd adsp = open_dev("/dev/ramdump_adsp");

@@ -14,7 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
+
+#include "tests/support/text.h"
 
 std::string build_binary(const char *name) {
     return std::string(VORN_BINARY_DIR) + "/" + name;
@@ -49,11 +50,7 @@ void DaemonFixture::set_am_exit_status(int status) const {
 }
 
 std::vector<std::string> DaemonFixture::broadcasts() const {
-    std::vector<std::string> out;
-    std::istringstream in(read("/host/am.log"));
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
+    return lines_of(read("/host/am.log"));
 }
 
 bool DaemonFixture::start(int timeout_ms, const std::vector<std::string> &args) {
@@ -145,11 +142,9 @@ std::string DaemonFixture::wait_for_log(std::string_view text, int timeout_ms, s
 
 std::vector<std::string> DaemonFixture::log_lines(std::string_view text, size_t from) const {
     std::vector<std::string> out;
-    std::istringstream in(log(from));
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string &line : lines_of(log(from)))
         if (line.find(text) != std::string::npos)
             out.push_back(line);
-    }
     return out;
 }
 
