@@ -104,6 +104,13 @@ inline std::string pattern(size_t size, const std::string &head = "") {
     return s;
 }
 
+// True when thread t has ended (and is joined) within timeout_ms.
+inline bool joins_within(pthread_t t, int timeout_ms) {
+    bool joined = false;
+    return wait_until([&] { return joined = joined || pthread_tryjoin_np(t, nullptr) == 0; },
+                      timeout_ms);
+}
+
 // Runs routine(arg) on a joinable thread born with SIGUSR2 blocked, as the
 // collector starts its side threads.
 inline pthread_t start_blocked(void *(*routine)(void *), void *arg) {

@@ -60,7 +60,9 @@ TEST_F(GpuSnapshot, NewHangIsCopiedAndAnnounced) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(GpuSnapshot, TimestampTextsThatAreNotNew) {
+// Nothing is copied or sent for a timestamp that is not new, or a new one
+// without the dump attribute.
+TEST_F(GpuSnapshot, TimestampTextsThatAreNotNewAndAMissingDump) {
     struct Case {
         const char *text;
         const char *message;  // "" for none
@@ -68,11 +70,14 @@ TEST_F(GpuSnapshot, TimestampTextsThatAreNotNew) {
     const Case cases[] = {
         {"0\n", ""},  // the first snapshot after start-up with timestamp 0
         {"", "gpu: failed to read /sys/class/kgsl/kgsl-3d0/snapshot/timestamp\n"},
+        {"9", "gpu: failed to open /sys/class/kgsl/kgsl-3d0/snapshot/dump"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
         log.clear();
         kgsl(c.text, "dump");
+        if (*c.text == '9')
+            unlink(root.at("/sys/class/kgsl/kgsl-3d0/snapshot/dump").c_str());
         gpu_snapshot_copy("GPU");
         EXPECT_TRUE(dumps().empty());
         if (*c.message) {
@@ -90,14 +95,6 @@ TEST_F(GpuSnapshot, FortyCharacterTimestampUsesItsFirstFifteen) {
     EXPECT_TRUE(log.has("gpu: invalid timestamp\n"));
     ASSERT_EQ(dumps().size(), 1u);
     EXPECT_EQ(dumps()[0].rfind("dump_77.bin.", 0), 0u) << dumps()[0];
-}
-
-TEST_F(GpuSnapshot, MissingDumpAttributeSendsNothing) {
-    root.write("/sys/class/kgsl/kgsl-3d0/snapshot/timestamp", "9");
-    gpu_snapshot_copy("GPU");
-    EXPECT_TRUE(log.has("gpu: failed to open /sys/class/kgsl/kgsl-3d0/snapshot/dump"));
-    EXPECT_TRUE(dumps().empty());
-    EXPECT_TRUE(broadcasts().empty());
 }
 
 TEST_F(GpuSnapshot, FailedWriteStillAnnouncesThePartialFile) {

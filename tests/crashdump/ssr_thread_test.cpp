@@ -195,11 +195,8 @@ TEST(SsrOps, EnableAndDisableWriteTheKernelSwitches) {
     EXPECT_EQ(root.read("/sys/bus/msm_subsys/devices/subsys0/restart_level"), "related\n");
     EXPECT_EQ(log.count_containing("restart level to RELATED"), 1u);
     EXPECT_TRUE(log.has("Failed to set subsystem Venus restart level to RELATED"));
-    EXPECT_EQ(mode_t{0664}, [&] {
-        struct stat s {};
-        stat(root.at("/dev/ramdump_modem").c_str(), &s);
-        return s.st_mode & 0777;
-    }());
+    EXPECT_EQ(std::filesystem::status(root.at("/dev/ramdump_modem")).permissions(),
+              std::filesystem::perms(0664));
 
     vorn_ctrl_msg msg{};
     msg.enable = 0x03;  // bit 0 is the state
