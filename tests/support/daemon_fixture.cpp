@@ -26,8 +26,7 @@ DaemonFixture::DaemonFixture() : stderr_path_(at("/host/vornd.stderr")) {
         mkdir(d);
     symlink("/bin/sh", at("/system/bin/sh").c_str());
     write("/system/build.prop", "ro.build.type=userdebug\n");
-    write("/host/bin/am", "#!/bin/sh\necho \"$*\" >>'" + at("/host/am.log") + "'\nexit $(cat '" +
-                              at("/host/am.status") + "' 2>/dev/null || echo 0)\n");
+    write("/host/bin/am", "#!/bin/sh\necho \"$*\" >>'" + at("/host/am.log") + "'\n");
     chmod(at("/host/bin/am").c_str(), 0755);
 }
 
@@ -43,10 +42,6 @@ DaemonFixture::~DaemonFixture() {
         printf("---- end of vornd's log\n%s----\n",
                text.substr(text.size() > 8000 ? text.size() - 8000 : 0).c_str());
     }
-}
-
-void DaemonFixture::set_am_exit_status(int status) const {
-    write("/host/am.status", std::to_string(status) + "\n");
 }
 
 std::vector<std::string> DaemonFixture::broadcasts() const {

@@ -46,9 +46,7 @@ class DaemonFixture : public TempRoot {
     // Counts the saves of the working copy from now on.
     FileSaves working_saves() const { return FileSaves(at("/data"), "vorn-conf.xml"); }
 
-    // The recording am: every run appends its arguments as one line and exits
-    // with the given status (0 until changed).
-    void set_am_exit_status(int status) const;
+    // The lines of the recording am: the arguments of each run.
     std::vector<std::string> broadcasts() const;
 
     // Starts vornd --root <root> and any further args, and waits until it
