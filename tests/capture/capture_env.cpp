@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <deque>
@@ -108,25 +107,13 @@ bool disable_and_settle(vorn_node *node) {
     return taken;
 }
 
-std::vector<std::string> list_dir(const std::string &host_dir) {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto &e : fs::directory_iterator(host_dir, ec))
-        names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 std::string file_at(const std::string &host_dir, size_t i) {
     auto names = list_dir(host_dir);
     return i < names.size() ? read_file(host_dir + "/" + names[i]) : std::string();
 }
 
 std::string read_dir_files(const std::string &dev_dir) {
-    std::string all, dir = capture_root().at(dev_dir);
-    for (const auto &name : list_dir(dir))
-        all += read_file(dir + "/" + name);
-    return all;
+    return dir_contents(capture_root().at(dev_dir));
 }
 
 bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms) {

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "capture/capture_variants.h"
 #include "core/node.h"
@@ -53,8 +52,7 @@ struct disable_at_end {
     ~disable_at_end() { set_enable(node, false); }
 };
 
-std::vector<std::string> list_dir(const std::string &host_dir);  // sorted names
-std::string file_at(const std::string &host_dir, size_t i);      // content of the i-th, or ""
+std::string file_at(const std::string &host_dir, size_t i);  // content of the i-th, or ""
 // All files of a device directory concatenated in name order.
 std::string read_dir_files(const std::string &dev_dir);
 // Waits until they are exactly want.

@@ -63,12 +63,7 @@ class CrashEnv : public ::testing::Test {
 
     // Names in a device directory, sorted ("" entries of "." excluded).
     std::vector<std::string> entries(const std::string &device_dir) const {
-        std::vector<std::string> out;
-        std::error_code ec;
-        for (const auto &e : std::filesystem::directory_iterator(root.at(device_dir), ec))
-            out.push_back(e.path().filename().string());
-        std::sort(out.begin(), out.end());
-        return out;
+        return list_dir(root.at(device_dir));
     }
 
     // The one entry of device_dir that begins with prefix, or "".

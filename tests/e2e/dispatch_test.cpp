@@ -2,9 +2,7 @@
 // the log files see them: order and pacing, write-back, a worker started, and
 // what a restart finds.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
 #include "tests/support/conf_text.h"
@@ -45,15 +43,9 @@ TEST(DispatchTest, ChangesAreAppliedInOrderAndWrittenBack) {
     EXPECT_EQ(attr(xml, "Alpha", "mask"), "first");
     EXPECT_EQ(attr(xml, "Beta", "mask"), "b2");
     // Alpha's worker, started over the socket, logs its provider's output.
-    auto alpha_files = [&] {
-        std::string all;
-        std::error_code ec;
-        for (const auto &e : std::filesystem::directory_iterator(d.at("/sdcard/logs/Alpha"), ec))
-            all += read_file(e.path());
-        return all;
-    };
-    wait_until([&] { return !alpha_files().empty(); }, 8000, 100);
-    EXPECT_EQ(alpha_files().substr(0, 3), "hi\n");
+    std::string alpha = d.at("/sdcard/logs/Alpha");
+    wait_until([&] { return !dir_contents(alpha).empty(); }, 8000, 100);
+    EXPECT_EQ(dir_contents(alpha).substr(0, 3), "hi\n");
 
     // A new-file request with the current state and mask writes nothing and
     // calls no op. The change after it proves it has been handled.

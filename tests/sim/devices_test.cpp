@@ -1,7 +1,8 @@
-// The simulated phone's devices as a reader sees them through the mount:
-// blocking reads, end of file, poll readiness, EINTR on a signal, one logger
-// entry per read. The trace device's rate and overflow and the GPU hang's
-// poll wake-ups are read by the daemon itself in tests/e2e/sim_*_test.cpp.
+// The simulated phone's ramdump devices as a reader sees them through the
+// mount: blocking reads, end of file, poll readiness, EINTR on a signal. The
+// trace device's rate and overflow, the GPU hang's poll wake-ups and the
+// logger devices' one entry per read are read by the daemon itself in
+// tests/e2e/sim_*_test.cpp.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -11,7 +12,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -142,30 +142,6 @@ TEST_F(DevicesTest, SignalInterruptsABlockedRead) {
     reader.join();
     EXPECT_EQ(err.load(), EINTR);
     sigaction(SIGUSR1, &old, nullptr);
-}
-
-TEST_F(DevicesTest, LoggerGivesOneEntryPerReadAndRefusesSmallBuffers) {
-    unique_fd fd = open_dev("/dev/log/main");
-    ASSERT_TRUE(fd.valid());
-    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
-    ASSERT_EQ(cmd("log main 4 Tag first message"), 0);
-    ASSERT_EQ(cmd("log main 6 Tag2 second"), 0);
-    ASSERT_EQ(cmd("log radio 3 R other buffer"), 0);
-    char small[10];
-    EXPECT_EQ(read(fd.get(), small, sizeof small), -1);
-    EXPECT_EQ(errno, EINVAL);
-    char buf[5120];
-    ssize_t n = read(fd.get(), buf, sizeof buf);
-    ASSERT_EQ(n, 20 + 1 + 4 + 14);
-    EXPECT_EQ(buf[0], 19);  // payload length
-    EXPECT_EQ(std::string(buf + 20, static_cast<size_t>(n) - 20),
-              std::string("\x04Tag\0first message\0", 19));
-    n = read(fd.get(), buf, sizeof buf);
-    EXPECT_EQ(std::string(buf + 20, static_cast<size_t>(n) - 20),
-              std::string("\x06Tag2\0second\0", 13));
-    EXPECT_EQ(poll_once(fd.get(), POLLIN, 50), 0);
-    EXPECT_EQ(cmd("log nosuch 4 T m"), -EINVAL);
-    EXPECT_EQ(cmd("log main 9 T m"), -EINVAL);
 }
 
 }  // namespace
