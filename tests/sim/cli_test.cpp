@@ -178,10 +178,6 @@ TEST(VornsimCliTest, SigtermStopsRunAtAnyMoment) {
     }
 }
 
-}  // namespace
-
-namespace {
-
 TEST(DdrDumpTest, KernelLogLinesAndImageLimits) {
     // /dev/kmsg records: escapes decoded, dictionary lines skipped; other
     // lines taken whole at rising made-up times.
