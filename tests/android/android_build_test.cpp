@@ -411,31 +411,25 @@ bool ident_char(char c) {
     return isalnum(static_cast<unsigned char>(c)) || c == '_';
 }
 
-// Types the policy declares (`type NAME, ...;`).
-std::set<std::string> declared_types() {
-    std::set<std::string> out;
-    for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/vornd.te"))) {
-        std::string t = trim(l);
-        if (t.compare(0, 5, "type ") != 0)
-            continue;
-        size_t b = t.find_first_not_of(' ', 5), e = b;
-        while (e < t.size() && ident_char(t[e]))
-            e++;
-        out.insert(t.substr(b, e - b));
+// The identifiers of a line, in order.
+std::vector<std::string> identifiers(const std::string &line) {
+    std::vector<std::string> out(1);
+    for (char c : line) {
+        if (ident_char(c))
+            out.back() += c;
+        else if (!out.back().empty())
+            out.emplace_back();
     }
     return out;
 }
 
-// The daemon's own types a rule names (vornd_...).
-std::set<std::string> own_types(const std::string &rule) {
+// Types the policy declares (`type NAME, ...;`).
+std::set<std::string> declared_types() {
     std::set<std::string> out;
-    for (size_t at = rule.find("vornd_"); at != std::string::npos; at = rule.find("vornd_", at)) {
-        size_t e = at;
-        while (e < rule.size() && ident_char(rule[e]))
-            e++;
-        if (at == 0 || !ident_char(rule[at - 1]))
-            out.insert(rule.substr(at, e - at));
-        at = e;
+    for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/vornd.te"))) {
+        std::vector<std::string> ids = identifiers(l);
+        if (trim(l).compare(0, 5, "type ") == 0 && ids.size() > 1)
+            out.insert(ids[1]);
     }
     return out;
 }
@@ -446,11 +440,11 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
         if (!trim(l).empty() && trim(l)[0] != '#')
             rc.push_back(trim(l));
     ASSERT_FALSE(rc.empty());
-    std::stringstream head(rc[0]);
-    std::string keyword, name, path;
-    head >> keyword >> name >> path;
-    EXPECT_EQ(keyword, "service");
-    EXPECT_EQ(name, "vornd");
+    std::vector<std::string> head = words_of(rc[0]);
+    head.resize(3);
+    const std::string path = head[2];
+    EXPECT_EQ(head[0], "service");
+    EXPECT_EQ(head[1], "vornd");
     std::set<std::string> options(rc.begin() + 1, rc.end());
     // The daemon takes the socket init names ANDROID_SOCKET_<name>.
     EXPECT_TRUE(options.count(std::string("socket ") + VORN_SOCKET_NAME + " stream 0666 root root"))
@@ -482,9 +476,9 @@ TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
             << "vornd.te line " << i + 1 << " has no reason above it: " << t;
         EXPECT_TRUE(t.back() == ';' || t.back() == ')')
             << "vornd.te line " << i + 1 << ": one rule per line: " << t;
-        for (const std::string &type : own_types(t))
-            EXPECT_TRUE(types.count(type))
-                << "vornd.te line " << i + 1 << " uses the undeclared type " << type;
+        for (const std::string &id : identifiers(t))  // the daemon's own types
+            EXPECT_TRUE(id.rfind("vornd_", 0) != 0 || types.count(id))
+                << "vornd.te line " << i + 1 << " uses the undeclared type " << id;
     }
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/genfs_contexts"))) {
         std::vector<std::string> w = words_of(l);

@@ -1,7 +1,7 @@
 // The pieces of an extraction (load.cmm, table lookups, the record walk, the
 // crash reason) and whole-directory parses: the release rule and broken dumps.
-// This host's own kernel log goes through a dump in tests/e2e/sim_dump_test.cpp,
-// a wrapped ring in golden_test.cpp.
+// A wrapped ring is in golden_test.cpp; this host's own kernel log goes
+// through a DDR dump in tests/e2e/sim_dump_test.cpp.
 #include <unistd.h>
 
 #include <algorithm>
