@@ -75,15 +75,8 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
 
     // GPU hang: the snapshot file and its notice.
     ASSERT_EQ(d.vornsim({"gpu-hang", d.path()}).exit_status, 0);
-    std::string notice;
-    ASSERT_TRUE(wait_until(
-        [&] {
-            for (const std::string &b : d.broadcasts())
-                if (b.find("ZIP GPU") != std::string::npos)
-                    notice = b;
-            return !notice.empty();
-        },
-        10000, 50));
+    std::string notice = d.wait_for_broadcast("ZIP GPU");
+    ASSERT_FALSE(notice.empty());
     auto snaps = d.files("/sdcard/logs/GPU/dump", "dump_1.bin.");
     ASSERT_EQ(snaps.size(), 1u);
     EXPECT_EQ(read_file(snaps[0]), gpu_snapshot_bytes(1));
@@ -129,14 +122,9 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
         ASSERT_EQ(d.vornsim({"log", d.path(), "system", "W", "Filler", std::string(1000, 'f')})
                       .exit_status,
                   0);
-    std::string text;
+    std::string text, adb = d.at("/sdcard/logs/Adb");
     ASSERT_TRUE(wait_until(
-        [&] {
-            text.clear();
-            for (const std::string &f : d.files("/sdcard/logs/Adb", "main"))
-                text += read_file(f);
-            return text.find("hello from the sim") != std::string::npos;
-        },
+        [&] { return (text = dir_contents(adb)).find("hello from the sim") != std::string::npos; },
         10000, 100))
         << text << d.log();
     EXPECT_NE(text.find("I/SimApp"), std::string::npos) << text;
@@ -167,15 +155,9 @@ TEST(SimOldPhoneTest, LoggerEntriesBecomeLinesAndElevenRamdumpsAreTooMany) {
     ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "W", "RILJ", "first\nsecond"}).exit_status, 0);
     ASSERT_TRUE(d.start()) << d.log();
     ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "E", "RILJ", "third"}).exit_status, 0);
-    std::string text;
+    std::string text, adb = d.at("/sdcard/logs/Adb");
     ASSERT_TRUE(wait_until(
-        [&] {
-            text.clear();
-            for (const std::string &f : d.files("/sdcard/logs/Adb", "radio"))
-                text += read_file(f);
-            return text.find("third") != std::string::npos;
-        },
-        10000, 100))
+        [&] { return (text = dir_contents(adb)).find("third") != std::string::npos; }, 10000, 100))
         << text << d.log();
     // One header per line of a message, in the order written.
     size_t first = text.find("W/RILJ    (");

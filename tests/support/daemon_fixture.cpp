@@ -16,6 +16,7 @@
 #include <ctime>
 
 #include "tests/support/text.h"
+#include "tests/support/wait.h"
 
 std::string build_binary(const char *name) {
     return std::string(VORN_BINARY_DIR) + "/" + name;
@@ -46,6 +47,19 @@ DaemonFixture::~DaemonFixture() {
 
 std::vector<std::string> DaemonFixture::broadcasts() const {
     return lines_of(read("/host/am.log"));
+}
+
+std::string DaemonFixture::wait_for_broadcast(std::string_view text, int timeout_ms) const {
+    std::string found;
+    wait_until(
+        [&] {
+            for (const std::string &b : broadcasts())
+                if (b.find(text) != std::string::npos)
+                    found = b;
+            return !found.empty();
+        },
+        timeout_ms, 50);
+    return found;
 }
 
 bool DaemonFixture::start(int timeout_ms, const std::vector<std::string> &args) {

@@ -48,6 +48,9 @@ class DaemonFixture : public TempRoot {
 
     // The lines of the recording am: the arguments of each run.
     std::vector<std::string> broadcasts() const;
+    // Waits for a broadcast containing text; returns the last such line, or
+    // "" on timeout.
+    std::string wait_for_broadcast(std::string_view text, int timeout_ms = 10000) const;
 
     // Starts vornd --root <root> and any further args, and waits until it
     // listens: its "After listen" line, or a connection it accepts when args
