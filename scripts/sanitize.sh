@@ -37,7 +37,7 @@ case "$kind" in
     # QMI client, the QDSS pipeline, and the simulated phone's devices (their readers block on
     # the file system's threads). The other worker suites repeat the same
     # thread pattern.
-    filter=(-R '^(daemon_test|archive_test|qmi_test|crashdump_test|sim_test|capture_test_PipeWorker|qdss_test|qdss_test_QdssPipeline|e2e_sim_qdss_test|e2e_protocol_test|e2e_dispatch_test|e2e_hostile_test)$')
+    filter=(-R '^(daemon_test|archive_test|qmi_test|crashdump_test|sim_test|capture_test_PipeWorker|qdss_test|qdss_test_QdssPipeline|e2e_sim_qdss_test|e2e_client_test|e2e_dispatch_test|e2e_hostile_test)$')
     ;;
   *)
     echo "sanitize.sh: unknown kind $kind (address or thread)" >&2

@@ -7,33 +7,19 @@
 #include <cctype>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "daemon/control_socket.h"
-#include "tests/android/blueprint.h"
+#include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 
 namespace {
 
 const std::string kAndroid = std::string(VORN_SOURCE_DIR) + "/android/";
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::stringstream ss(text);
-    for (std::string l; std::getline(ss, l);)
-        out.push_back(l);
-    return out;
-}
 
 std::string trim(const std::string &s) {
     size_t b = s.find_first_not_of(" \t\r");
@@ -49,6 +35,148 @@ std::vector<std::string> split(const std::string &s, char sep) {
             out.push_back(item);
     return out;
 }
+
+// A reader for the subset of Blueprint (Android.bp) the project writes:
+// modules `type { name: value, ... }` whose values are strings, words (true,
+// false, numbers), lists and nested maps; top-level `var = value` lines; //
+// and /* */ comments.
+struct bp_value {
+    std::string text;  // a string or a word
+    std::vector<bp_value> list;
+    std::map<std::string, bp_value> map;
+};
+
+struct bp_module {
+    std::string type;
+    int line = 0;
+    std::map<std::string, bp_value> props;
+
+    std::string name() const { return props.count("name") ? props.at("name").text : ""; }
+    // The strings of a list property (empty when absent); nested under
+    // target.android etc. when path has dots ("target.android.init_rc").
+    std::vector<std::string> strings(const std::string &path) const {
+        const std::map<std::string, bp_value> *level = &props;
+        std::vector<std::string> out;
+        for (const std::string &key : split(path, '.')) {
+            auto it = level->find(key);
+            if (it == level->end())
+                return {};
+            out.clear();
+            for (const bp_value &item : it->second.list)
+                out.push_back(item.text);
+            level = &it->second.map;
+        }
+        return out;
+    }
+};
+
+class bp_reader {
+  public:
+    // Splits s into tokens: 's' strings (unquoted), 'w' words, punctuation as itself.
+    explicit bp_reader(const std::string &s) {
+        int line = 1;
+        for (size_t i = 0, counted = 0; i < s.size() && err_.empty();) {
+            line += static_cast<int>(std::count(s.begin() + counted, s.begin() + i, '\n'));
+            counted = i;
+            if (isspace(static_cast<unsigned char>(s[i]))) {
+                i++;
+            } else if (s.compare(i, 2, "//") == 0) {
+                i = std::min(s.find('\n', i), s.size());
+            } else if (s.compare(i, 2, "/*") == 0) {
+                i = std::min(s.find("*/", i + 2), s.size() - 2) + 2;
+            } else if (s[i] == '"') {
+                std::string text;
+                for (i++; i < s.size() && s[i] != '"' && s[i] != '\n'; i++)
+                    text += s[i] == '\\' && i + 1 < s.size() ? s[++i] : s[i];
+                if (i++ >= s.size() || s[i - 1] != '"')
+                    err_ = "line " + std::to_string(line) + ": unterminated string";
+                toks_.push_back({'s', text, line});
+            } else if (isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_' || s[i] == '-') {
+                size_t b = i++;
+                while (i < s.size() && (isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_'))
+                    i++;
+                toks_.push_back({'w', s.substr(b, i - b), line});
+            } else if (std::string_view("{}[]:,=").find(s[i]) != std::string_view::npos) {
+                toks_.push_back({s[i], std::string(1, s[i]), line});
+                i++;
+            } else {
+                err_ = "line " + std::to_string(line) + ": unexpected " + s[i];
+            }
+        }
+    }
+
+    // The modules; false on a syntax error, with "line N: what" in err.
+    bool modules(std::vector<bp_module> *out, std::string *err) {
+        while (err_.empty() && at_ < toks_.size()) {
+            bp_module m{toks_[at_].text, toks_[at_].line, {}};
+            bp_value unused;
+            if (!eat('w'))
+                fail("expected a module type or a variable");
+            else if (eat('='))
+                value(&unused);
+            else if (eat('{') && map_body(&m.props))
+                out->push_back(m);
+            else
+                fail("expected '{' after " + m.type);
+        }
+        *err = err_;
+        return err_.empty();
+    }
+
+  private:
+    struct token {
+        char kind;
+        std::string text;
+        int line;
+    };
+
+    bool is(char kind) const { return at_ < toks_.size() && toks_[at_].kind == kind; }
+    bool eat(char kind) { return is(kind) && (++at_, true); }
+    bool fail(const std::string &what) {
+        int line = toks_.empty() ? 1 : toks_[std::min(at_, toks_.size() - 1)].line;
+        if (err_.empty())
+            err_ = "line " + std::to_string(line) + ": " + what;
+        return false;
+    }
+    // `name: value` pairs up to the closing brace, commas between them.
+    bool map_body(std::map<std::string, bp_value> *props) {
+        while (!eat('}')) {
+            std::string key = is('w') ? toks_[at_].text : "";
+            if (!eat('w'))
+                return fail("expected a property name");
+            if (!eat(':'))
+                return fail("expected ':' after " + key);
+            if (props->count(key))
+                return fail("property " + key + " given twice");
+            if (!value(&(*props)[key]))
+                return false;
+            if (!eat(',') && !is('}'))
+                return fail("expected ',' or '}' after " + key);
+        }
+        return true;
+    }
+    bool value(bp_value *v) {
+        if (eat('{'))
+            return map_body(&v->map);
+        if (is('s') || is('w')) {
+            v->text = toks_[at_++].text;
+            return true;
+        }
+        if (!eat('['))
+            return fail("expected a value");
+        while (!eat(']')) {
+            if (!value(&v->list.emplace_back()))
+                return false;
+            if (!eat(',') && !is(']'))
+                return fail("expected ',' or ']' in a list");
+        }
+        return true;
+    }
+
+    std::vector<token> toks_;
+    size_t at_ = 0;
+    std::string err_;
+};
 
 std::string join(const std::set<std::string> &items) {
     std::string out;
@@ -129,7 +257,7 @@ class AndroidBp : public testing::Test {
         ASSERT_TRUE(targets_.count("vornd") && targets_.count("vornctl"))
             << "no target list at " << VORN_CMAKE_TARGETS;
         std::string err;
-        ASSERT_TRUE(bp_parse(read_file(kAndroid + "Android.bp"), &modules_, &err))
+        ASSERT_TRUE(bp_reader(read_file(kAndroid + "Android.bp")).modules(&modules_, &err))
             << "android/Android.bp " << err;
         for (const char *bin : {"vornd", "vornctl"}) {
             shipped_.insert(bin);
@@ -245,62 +373,37 @@ TEST_F(AndroidBp, DaemonShipsItsServiceAndConfiguration) {
                     << m.name() << " names " << f;
 }
 
-// The words of a line.
-std::vector<std::string> words(const std::string &line) {
-    std::vector<std::string> out;
-    std::stringstream ss(line);
-    for (std::string w; ss >> w;)
-        out.push_back(w);
-    return out;
-}
-
 // The type of a context "u:object_r:TYPE:s0".
 std::string context_type(const std::string &context) {
     std::vector<std::string> parts = split(context, ':');
     return parts.size() == 4 ? parts[2] : "";
 }
 
-// A file_contexts line: its path pattern (an extended regular expression
-// that must match the whole path) and its type.
-struct label {
-    std::string pattern;
-    std::string type;
-    std::shared_ptr<regex_t> re;
-
-    bool matches(const std::string &path) const {
-        return re && regexec(re.get(), path.c_str(), 0, nullptr, 0) == 0;
-    }
-};
-
-std::vector<label> file_contexts() {
-    std::vector<label> out;
+// file_contexts: each line's path pattern (an extended regular expression
+// that must match the whole path) and type.
+std::vector<std::pair<std::string, std::string>> file_contexts() {
+    std::vector<std::pair<std::string, std::string>> out;
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/file_contexts"))) {
-        std::string t = trim(l);
-        if (t.empty() || t[0] == '#')
-            continue;
-        std::vector<std::string> w = words(t);
-        w.resize(2);
-        auto *re = new regex_t;
-        std::shared_ptr<regex_t> owned;
-        if (regcomp(re, ("^(" + w[0] + ")$").c_str(), REG_EXTENDED | REG_NOSUB) == 0) {
-            owned.reset(re, [](regex_t *r) {
-                regfree(r);
-                delete r;
-            });
-        } else {
-            delete re;
-            ADD_FAILURE() << "file_contexts: bad pattern " << w[0];
-        }
-        out.push_back({w[0], context_type(w[1]), owned});
+        std::vector<std::string> w = words_of(l);
+        if (!w.empty() && w[0][0] != '#')
+            out.push_back({w[0], w.size() > 1 ? context_type(w[1]) : ""});
     }
     return out;
 }
 
-std::string type_of(const std::vector<label> &labels, const std::string &path) {
+std::string type_of(const std::vector<std::pair<std::string, std::string>> &labels,
+                    const std::string &path) {
     std::string type;
-    for (const label &l : labels)
-        if (l.matches(path))
-            type = l.type;  // the last match wins, as for the policy's own files
+    for (const auto &[pattern, label] : labels) {
+        regex_t re;
+        if (regcomp(&re, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+            ADD_FAILURE() << "file_contexts: bad pattern " << pattern;
+            continue;
+        }
+        if (regexec(&re, path.c_str(), 0, nullptr, 0) == 0)
+            type = label;  // the last match wins, as for the policy's own files
+        regfree(&re);
+    }
     return type;
 }
 
@@ -308,31 +411,25 @@ bool ident_char(char c) {
     return isalnum(static_cast<unsigned char>(c)) || c == '_';
 }
 
-// Types the policy declares (`type NAME, ...;`).
-std::set<std::string> declared_types() {
-    std::set<std::string> out;
-    for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/vornd.te"))) {
-        std::string t = trim(l);
-        if (t.compare(0, 5, "type ") != 0)
-            continue;
-        size_t b = t.find_first_not_of(' ', 5), e = b;
-        while (e < t.size() && ident_char(t[e]))
-            e++;
-        out.insert(t.substr(b, e - b));
+// The identifiers of a line, in order.
+std::vector<std::string> identifiers(const std::string &line) {
+    std::vector<std::string> out(1);
+    for (char c : line) {
+        if (ident_char(c))
+            out.back() += c;
+        else if (!out.back().empty())
+            out.emplace_back();
     }
     return out;
 }
 
-// The daemon's own types a rule names (vornd_...).
-std::set<std::string> own_types(const std::string &rule) {
+// Types the policy declares (`type NAME, ...;`).
+std::set<std::string> declared_types() {
     std::set<std::string> out;
-    for (size_t at = rule.find("vornd_"); at != std::string::npos; at = rule.find("vornd_", at)) {
-        size_t e = at;
-        while (e < rule.size() && ident_char(rule[e]))
-            e++;
-        if (at == 0 || !ident_char(rule[at - 1]))
-            out.insert(rule.substr(at, e - at));
-        at = e;
+    for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/vornd.te"))) {
+        std::vector<std::string> ids = identifiers(l);
+        if (trim(l).compare(0, 5, "type ") == 0 && ids.size() > 1)
+            out.insert(ids[1]);
     }
     return out;
 }
@@ -343,11 +440,11 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
         if (!trim(l).empty() && trim(l)[0] != '#')
             rc.push_back(trim(l));
     ASSERT_FALSE(rc.empty());
-    std::stringstream head(rc[0]);
-    std::string keyword, name, path;
-    head >> keyword >> name >> path;
-    EXPECT_EQ(keyword, "service");
-    EXPECT_EQ(name, "vornd");
+    std::vector<std::string> head = words_of(rc[0]);
+    head.resize(3);
+    const std::string path = head[2];
+    EXPECT_EQ(head[0], "service");
+    EXPECT_EQ(head[1], "vornd");
     std::set<std::string> options(rc.begin() + 1, rc.end());
     // The daemon takes the socket init names ANDROID_SOCKET_<name>.
     EXPECT_TRUE(options.count(std::string("socket ") + VORN_SOCKET_NAME + " stream 0666 root root"))
@@ -355,7 +452,7 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
     EXPECT_TRUE(options.count("user root"));
     EXPECT_TRUE(options.count("class late_start"));
 
-    std::vector<label> labels = file_contexts();
+    auto labels = file_contexts();
     std::set<std::string> types = declared_types();
     EXPECT_EQ(type_of(labels, path), "vornd_exec") << path;
     EXPECT_EQ(type_of(labels, VORN_SOCKET_PATH), "vornd_socket");
@@ -363,8 +460,8 @@ TEST(InitService, MatchesTheDaemonAndItsPolicy) {
         EXPECT_EQ(type_of(labels, file), "vornd_data_file") << file;
     for (const char *dev : {"/dev/ramdump_modem", "/dev/ramdump_smem-modem"})
         EXPECT_EQ(type_of(labels, dev), "vornd_ramdump_device") << dev;
-    for (const label &l : labels)
-        EXPECT_TRUE(types.count(l.type)) << l.pattern << " has the undeclared type " << l.type;
+    for (const auto &[pattern, type] : labels)
+        EXPECT_TRUE(types.count(type)) << pattern << " has the undeclared type " << type;
 }
 
 TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
@@ -379,12 +476,12 @@ TEST(Sepolicy, EveryRuleHasItsReasonAndEveryOwnTypeIsDeclared) {
             << "vornd.te line " << i + 1 << " has no reason above it: " << t;
         EXPECT_TRUE(t.back() == ';' || t.back() == ')')
             << "vornd.te line " << i + 1 << ": one rule per line: " << t;
-        for (const std::string &type : own_types(t))
-            EXPECT_TRUE(types.count(type))
-                << "vornd.te line " << i + 1 << " uses the undeclared type " << type;
+        for (const std::string &id : identifiers(t))  // the daemon's own types
+            EXPECT_TRUE(id.rfind("vornd_", 0) != 0 || types.count(id))
+                << "vornd.te line " << i + 1 << " uses the undeclared type " << id;
     }
     for (const std::string &l : lines_of(read_file(kAndroid + "sepolicy/genfs_contexts"))) {
-        std::vector<std::string> w = words(l);
+        std::vector<std::string> w = words_of(l);
         if (w.empty() || w[0][0] == '#')
             continue;
         ASSERT_EQ(w.size(), 4u) << "genfscon FS PATH CONTEXT: " << l;

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +22,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -77,10 +77,10 @@ class ArchiveTest : public ::testing::Test {
     void TearDown() override { setenv("PATH", path_.c_str(), 1); }
 
     // Hands mini_zip its own heap copy of a type-8 message, as the socket does.
-    static void request(const std::string &dir) {
+    static void request(const std::string &dir, const char *logname = "ssr") {
         auto *msg = static_cast<vorn_ctrl_msg *>(calloc(1, sizeof(vorn_ctrl_msg)));
         msg->msg_type = VORN_MSG_ARCHIVE;
-        snprintf(msg->logname, sizeof msg->logname, "ssr");
+        snprintf(msg->logname, sizeof msg->logname, "%s", logname);
         snprintf(msg->mask, sizeof msg->mask, "%s", dir.c_str());
         mini_zip(msg);
     }
@@ -88,9 +88,8 @@ class ArchiveTest : public ::testing::Test {
     // Results of the upload notices recorded by am, in order.
     std::vector<int> results() const {
         std::vector<int> out;
-        std::istringstream in(root.read("/data/broadcasts.log"));
         int r;
-        for (std::string l; std::getline(in, l);) {
+        for (const std::string &l : lines_of(root.read("/data/broadcasts.log"))) {
             if (sscanf(l.c_str(), "am broadcast -a action.kymbal.from_vornd --ei result %d", &r) &&
                 l.ends_with(" --es para UPLOAD"))
                 out.push_back(r);
@@ -294,11 +293,7 @@ TEST_F(ArchiveTest, RequestsReachingOutsideTheLogPathAreRefused) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.logname) + " " + c.src);
-        auto *msg = static_cast<vorn_ctrl_msg *>(calloc(1, sizeof(vorn_ctrl_msg)));
-        msg->msg_type = VORN_MSG_ARCHIVE;
-        snprintf(msg->logname, sizeof msg->logname, "%s", c.logname);
-        snprintf(msg->mask, sizeof msg->mask, "%s", c.src);
-        mini_zip(msg);
+        request(c.src, c.logname);
         EXPECT_EQ(results().back(), -3);
         EXPECT_TRUE(log.has_containing("vornd: Refused")) << log.dump();
     }

@@ -2,22 +2,22 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <deque>
 #include <filesystem>
 #include <set>
-#include <sstream>
 
 #include "capture/capture_worker.h"
 #include "capture/logger_entry.h"
 #include "core/gbl_config.h"
 #include "core/node_ops.h"
+#include "tests/support/text.h"
 
 namespace fs = std::filesystem;
 
@@ -107,25 +107,13 @@ bool disable_and_settle(vorn_node *node) {
     return taken;
 }
 
-std::vector<std::string> list_dir(const std::string &host_dir) {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto &e : fs::directory_iterator(host_dir, ec))
-        names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 std::string file_at(const std::string &host_dir, size_t i) {
     auto names = list_dir(host_dir);
     return i < names.size() ? read_file(host_dir + "/" + names[i]) : std::string();
 }
 
 std::string read_dir_files(const std::string &dev_dir) {
-    std::string all, dir = capture_root().at(dev_dir);
-    for (const auto &name : list_dir(dir))
-        all += read_file(dir + "/" + name);
-    return all;
+    return dir_contents(capture_root().at(dev_dir));
 }
 
 bool dir_becomes(const std::string &dev_dir, const std::string &want, int timeout_ms) {
@@ -149,12 +137,6 @@ bool has_zombie_child() {
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
 
-bool process_gone(pid_t pid) {
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
-}
-
 std::string klog_entry(const std::string &payload, int len_field) {
     vorn_klog_entry h{};
     h.len = static_cast<uint16_t>(len_field < 0 ? payload.size() : len_field);
@@ -174,6 +156,17 @@ int make_fifo(const std::string &dev) {
     std::string path = capture_root().at(dev);
     mkfifo(path.c_str(), 0600);
     return open(path.c_str(), O_RDWR | O_CLOEXEC);
+}
+
+bool put(int fd, const std::string &bytes, int timeout_ms) {
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        return false;
+    return wait_for(
+        [&] {
+            int pending = 0;
+            return ioctl(fd, FIONREAD, &pending) == 0 && pending == 0;
+        },
+        timeout_ms);
 }
 
 void block_log_root(const std::string &log_root) {
@@ -210,9 +203,8 @@ bool blocked_reading(const std::string &needle, int skip_fd) {
 }
 
 size_t mappings_naming(const std::string &needle) {
-    std::istringstream maps(read_file("/proc/self/maps"));
     size_t n = 0;
-    for (std::string l; std::getline(maps, l);)
+    for (const std::string &l : lines_of(read_file("/proc/self/maps")))
         n += l.find(needle) != std::string::npos;
     return n;
 }

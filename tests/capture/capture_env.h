@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "capture/capture_variants.h"
 #include "core/node.h"
@@ -53,8 +52,7 @@ struct disable_at_end {
     ~disable_at_end() { set_enable(node, false); }
 };
 
-std::vector<std::string> list_dir(const std::string &host_dir);  // sorted names
-std::string file_at(const std::string &host_dir, size_t i);      // content of the i-th, or ""
+std::string file_at(const std::string &host_dir, size_t i);  // content of the i-th, or ""
 // All files of a device directory concatenated in name order.
 std::string read_dir_files(const std::string &dev_dir);
 // Waits until they are exactly want.
@@ -65,8 +63,6 @@ int time_suffixes(const std::string &name, const std::string &prefix);
 
 // True when a child of this process has ended and is not yet reaped.
 bool has_zombie_child();
-// True when pid has exited, or is a zombie whose parent is gone too.
-bool process_gone(pid_t pid);
 
 // A kernel-logger entry as the driver hands it out (pid 1234, 11-14
 // 22:13:20.123 UTC): header, then payload. len_field is the payload length
@@ -78,6 +74,10 @@ std::string klog_text(char prio, const std::string &tag, const std::string &msg)
 // A FIFO at device path dev, held open for reading and writing by the test
 // so that it never reports end of data; returns the descriptor.
 int make_fifo(const std::string &dev);
+
+// Writes bytes to a device FIFO and waits until the reader has taken them: a
+// FIFO keeps no record boundaries, a logger device hands out one entry per read.
+bool put(int fd, const std::string &bytes, int timeout_ms = 8000);
 
 // Blocks the log root: its top directory becomes a plain file, so that it can
 // be neither written nor created, until unblock_log_root removes the file.

@@ -8,13 +8,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "capture/exec_capture.h"
 #include "tests/capture/capture_env.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -69,8 +69,7 @@ struct Probe {
 
 std::vector<Probe> probes(const std::string &file) {
     std::vector<Probe> out;
-    std::istringstream in(read_file(file));
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string &line : lines_of(read_file(file))) {
         Probe p{};
         int used = 0;
         sscanf(line.c_str(), "%d %d %n", &p.pid, &p.parent, &used);

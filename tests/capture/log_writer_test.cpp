@@ -210,19 +210,6 @@ TEST_F(LogWriterTest, FailedOpenLetsTheGlobalLockGo) {
     pthread_mutex_unlock(&gbl_config_mutex);
 }
 
-// A removed log root is noticed at the first write of a later second: that
-// write already goes into a new file under the directory made again.
-TEST_F(LogWriterTest, RemovedLogRootComesBackAtTheNextWrite) {
-    open("Gone/gone", 1000);
-    ASSERT_EQ(write(std::string(50, 'a')), 50);
-    fs::remove_all(capture_root().at(gbl_config.log_path));
-    next_second();
-    ASSERT_EQ(write(std::string(60, 'b')), 60);
-    ASSERT_EQ(write("after"), 5);
-    ASSERT_EQ(list_dir(dir).size(), 1u);
-    EXPECT_EQ(file_at(dir, 0), std::string(60, 'b') + "after");
-}
-
 // A full disk loses nothing already written: the failed file is continued at
 // the next open (no new empty file per poll) and takes the data once space
 // returns; pruning gives up empty files before any file with data.

@@ -63,12 +63,7 @@ class CrashEnv : public ::testing::Test {
 
     // Names in a device directory, sorted ("" entries of "." excluded).
     std::vector<std::string> entries(const std::string &device_dir) const {
-        std::vector<std::string> out;
-        std::error_code ec;
-        for (const auto &e : std::filesystem::directory_iterator(root.at(device_dir), ec))
-            out.push_back(e.path().filename().string());
-        std::sort(out.begin(), out.end());
-        return out;
+        return list_dir(root.at(device_dir));
     }
 
     // The one entry of device_dir that begins with prefix, or "".
@@ -102,6 +97,13 @@ inline std::string pattern(size_t size, const std::string &head = "") {
         s.push_back(static_cast<char>('a' + i % 23));
     s.resize(size);
     return s;
+}
+
+// True when thread t has ended (and is joined) within timeout_ms.
+inline bool joins_within(pthread_t t, int timeout_ms) {
+    bool joined = false;
+    return wait_until([&] { return joined = joined || pthread_tryjoin_np(t, nullptr) == 0; },
+                      timeout_ms);
 }
 
 // Runs routine(arg) on a joinable thread born with SIGUSR2 blocked, as the

@@ -50,15 +50,8 @@ class ExtModem : public CrashEnv {
         running_ = false;
     }
     bool ended_by_itself() {
-        bool joined = false;
-        wait_until(
-            [&] {
-                joined = joined || pthread_tryjoin_np(thread_, nullptr) == 0;
-                return joined;
-            },
-            5000);
-        running_ = !joined;
-        return joined;
+        running_ = !joins_within(thread_, 5000);
+        return !running_;
     }
     // Waits for the pending MDM copy to be taken, as the collector does.
     bool mdm_pending() const { return (st.flags.load() & SSR_MDM_PENDING) != 0; }

@@ -116,13 +116,7 @@ TEST_F(SinkDump, ThreadEndsAtTheFirstFailure) {
         sinks(c.etf, c.etr, c.mode);
         start();
         sem_post(&st.qdss_sem);
-        bool joined = false;
-        ASSERT_TRUE(wait_until(
-            [&] {
-                joined = joined || pthread_tryjoin_np(thread_, nullptr) == 0;
-                return joined;
-            },
-            5000));
+        ASSERT_TRUE(joins_within(thread_, 5000));
         thread_ = pthread_t{};
         EXPECT_TRUE(log.has(c.message)) << log.dump();
         bool etf_step = std::string(c.message).find("etf") != std::string::npos;

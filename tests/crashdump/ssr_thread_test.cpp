@@ -1,5 +1,7 @@
-// The collector as a whole: its set-up failures, and a run on FIFOs standing
-// in for ramdump devices, with the side threads started and torn down.
+// The collector as a whole: its set-up failures, and a run on a FIFO standing
+// in for a ramdump device, with the side threads started and torn down. Eleven
+// devices, and a second device whose dump wakes no sink, are in e2e
+// sim_crash_test on the simulated phone.
 #include <atomic>
 
 #include "capture/worker_util.h"
@@ -86,17 +88,6 @@ TEST_F(SsrCollector, EndsEarlyWhenRamdumpsAreOffOrUnreadable) {
     }
 }
 
-TEST_F(SsrCollector, ElevenDevicesAreTooMany) {
-    ramdumps("1\n");
-    for (int i = 0; i < 11; i++)
-        root.write("/dev/ramdump_dev" + std::to_string(i), "");
-    ssr_collect(&st);
-    EXPECT_TRUE(log.has("Exceed max pil number\n"));
-    EXPECT_TRUE(log.has("Failed to find pil ramdump\n"));
-    EXPECT_EQ(st.count, 0);
-    EXPECT_FALSE(root.exists(RAMDUMP_FOLDER));
-}
-
 TEST_F(SsrCollector, DeviceThatVanishesAfterTheScan) {
     ramdumps("1\n");
     root.write("/dev/ramdump_adsp", "");
@@ -120,20 +111,14 @@ TEST_F(SsrCollector, DumpsEachCrashAndStopsItsSideThreads) {
     std::string etf = pattern(65536);
     root.write("/dev/coresight-tmc-etf", etf);
     int modem = device_fifo("ramdump_modem");
-    int smem = device_fifo("ramdump_smem");
     ASSERT_GE(modem, 0);
-    ASSERT_GE(smem, 0);
     start();
     ASSERT_TRUE(
         wait_until([&] { return log.has_containing("SSR: subsystem ramdump start"); }, 5000));
     EXPECT_TRUE(log.has("Attemping to create " RAMDUMP_FOLDER "\n"));
-    // The collector holds both devices open before the test closes its ends:
-    // a FIFO closed before its reader opens loses its data.
-    ASSERT_TRUE(wait_until(
-        [&] {
-            return open_fds_naming("ramdump_modem") == 2 && open_fds_naming("ramdump_smem") == 2;
-        },
-        10000));
+    // The collector holds the device open before the test closes its end: a
+    // FIFO closed before its reader opens loses its data.
+    ASSERT_TRUE(wait_until([&] { return open_fds_naming("ramdump_modem") == 2; }, 10000));
 
     // The modem crashes: its dump, and the trace sink it wakes.
     std::string elf = pattern(40000,
@@ -147,13 +132,6 @@ TEST_F(SsrCollector, DumpsEachCrashAndStopsItsSideThreads) {
     ASSERT_NE(dump, "");
     EXPECT_EQ(dump.substr(dump.size() - 4), ".elf");
     EXPECT_EQ(root.read(RAMDUMP_FOLDER "/" + dump), elf);
-
-    // The smem dump wakes no sink dump.
-    ASSERT_EQ(write(smem, "smem", 4), 4);
-    close(smem);
-    ASSERT_TRUE(wait_until([&] { return log.has_containing("ramdump_smem hung up"); }, 5000));
-    EXPECT_EQ(root.read(RAMDUMP_FOLDER "/" + only_entry(RAMDUMP_FOLDER, "ramdump_smem-")), "smem");
-    EXPECT_EQ(log.count_containing("etf ramdump saved"), 1u);
 
     ASSERT_TRUE(stop());
     EXPECT_TRUE(log.has("Polling ramdump failed: -1\n"));
@@ -195,11 +173,8 @@ TEST(SsrOps, EnableAndDisableWriteTheKernelSwitches) {
     EXPECT_EQ(root.read("/sys/bus/msm_subsys/devices/subsys0/restart_level"), "related\n");
     EXPECT_EQ(log.count_containing("restart level to RELATED"), 1u);
     EXPECT_TRUE(log.has("Failed to set subsystem Venus restart level to RELATED"));
-    EXPECT_EQ(mode_t{0664}, [&] {
-        struct stat s {};
-        stat(root.at("/dev/ramdump_modem").c_str(), &s);
-        return s.st_mode & 0777;
-    }());
+    EXPECT_EQ(std::filesystem::status(root.at("/dev/ramdump_modem")).permissions(),
+              std::filesystem::perms(0664));
 
     vorn_ctrl_msg msg{};
     msg.enable = 0x03;  // bit 0 is the state

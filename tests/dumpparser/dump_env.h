@@ -6,13 +6,13 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "sim/dump_builder.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 
 class DumpEnv : public ::testing::Test {
   protected:
@@ -39,11 +39,7 @@ class DumpEnv : public ::testing::Test {
 
     // The broadcasts sent so far, one "am ..." line each.
     std::vector<std::string> broadcasts() const {
-        std::vector<std::string> out;
-        std::istringstream in(root.read("/data/broadcasts.log"));
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
+        return lines_of(root.read("/data/broadcasts.log"));
     }
     // The line `am` records for a dump parser broadcast.
     static std::string broadcast(int status, const std::string &reason, const std::string &dir) {

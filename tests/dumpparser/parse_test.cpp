@@ -1,11 +1,10 @@
 // The pieces of an extraction (load.cmm, table lookups, the record walk, the
-// crash reason) and whole-directory parses: the release rule, broken dumps,
-// this host's own kernel log.
+// crash reason) and whole-directory parses: the release rule and broken dumps.
+// A wrapped ring is in golden_test.cpp; this host's own kernel log goes
+// through a DDR dump in tests/e2e/sim_dump_test.cpp.
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 
 #include "dumpparser/dumpparser.h"
@@ -307,41 +306,6 @@ TEST_F(ParseTest, BrokenDumps) {
             EXPECT_EQ(std::count(k.begin(), k.end(), '\n'), c.kmsg_lines) << k;
         }
     }
-}
-
-// This host's kernel messages, as dmesg shows them.
-std::vector<Rec> host_messages() {
-    std::vector<Rec> out;
-    FILE *p = popen("dmesg 2>/dev/null", "r");
-    char line[2048];
-    double sec;
-    int off;
-    while (p != nullptr && fgets(line, sizeof(line), p) != nullptr) {
-        if (sscanf(line, "[%lf] %n", &sec, &off) == 1)
-            out.push_back(
-                {static_cast<uint64_t>(sec * 1e9),
-                 std::string(line + off, std::min<size_t>(strcspn(line + off, "\n"), 992))});
-    }
-    if (p != nullptr)
-        pclose(p);
-    return out;
-}
-
-TEST_F(ParseTest, RingOfThisHostsKernelLog) {
-    std::vector<Rec> msgs = host_messages();
-    if (msgs.empty())
-        GTEST_SKIP() << "dmesg is not readable here";
-    size_t total = 0;
-    for (const Rec &r : msgs)
-        total += record(r.ts, r.text).size();
-    // Half the messages before the end of the ring, the rest after the wrap.
-    uint32_t size = static_cast<uint32_t>((total + 8192) & ~size_t{3});
-    Ring ring = make_ring(msgs, size, static_cast<uint32_t>((size - total / 2) & ~size_t{3}));
-    DumpDir d = dump("host");
-    simple_dump(d, 310, ring);
-    ASSERT_EQ(dumpparser_parse_dir_version(dev("host").c_str(), 310), 0);
-    EXPECT_TRUE(log.has("DumpParser: Back to log buf start addr."));
-    EXPECT_EQ(read_file(d.path("kmsg.txt")), kmsg_text(msgs)) << msgs.size() << " messages";
 }
 
 }  // namespace

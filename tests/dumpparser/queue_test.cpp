@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 
 #include "core/node_ops.h"
 #include "dumpparser/dumpparser.h"
@@ -41,10 +40,6 @@ class QueueTest : public DumpEnv {
         vorn_node_guard g(&node);
         node.pending_change = 1;
         EXPECT_EQ(on ? vorn_node_enable(&node, &m) : vorn_node_disable(&node, &m), 0);
-    }
-
-    static bool wait_for(const std::function<bool()> &done, int seconds) {
-        return wait_until(done, seconds * 1000);
     }
 
     bool taken() {
@@ -101,22 +96,22 @@ TEST_F(QueueTest, ParsesInArrivalOrderAndDrainsAfterDisable) {
 
     vorn_node_create_work_thread(&node);
     command(true, dev("d1"));
-    ASSERT_TRUE(wait_for([&] { return broadcasts().size() == 1; }, 10));
+    ASSERT_TRUE(wait_until([&] { return broadcasts().size() == 1; }, 10000));
     for (const char *path : {"", "/data/dumps/d2", "/data/dumps/d3"}) {
-        ASSERT_TRUE(wait_for([&] { return taken(); }, 5));
+        ASSERT_TRUE(wait_until([&] { return taken(); }, 5000));
         command(true, path);
     }
-    ASSERT_TRUE(wait_for([&] { return taken(); }, 5));
+    ASSERT_TRUE(wait_until([&] { return taken(); }, 5000));
     command(false, "");
     EXPECT_EQ(log.count_containing("to parse!"), 1u) << log.dump();
     unlink(root.at("/data/am.hold").c_str());
 
-    ASSERT_TRUE(wait_for(
+    ASSERT_TRUE(wait_until(
         [&] {
             vorn_node_guard g(&node);
             return node.worker_thread == 0 && dumpparser_consumer_tid == 0;
         },
-        20))
+        20000))
         << log.dump();
     EXPECT_EQ(broadcasts(), (std::vector<std::string>{broadcast(0, "AP", dev("d1")),
                                                       broadcast(0, "UNKNOWN", dev("d2")),

@@ -6,9 +6,9 @@
 // reaches the logd capture file; and, on an older phone, the kernel logger
 // devices and a collector facing eleven ramdump devices.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "sim/blob_device.h"
@@ -27,16 +27,6 @@ const char kNodes[] =
     "  <AdbMain logname=\"AdbMain\" enable=\"1\" logtype=\"2\" size=\"1048576\" "
     "log_provider=\"main;system\" log_filepath=\"Adb/main\"/>\n"
     "</vornconf>\n";
-
-unsigned mode_of(const std::string &path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-off_t size_of(const std::string &path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
 
 TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     SimDaemonFixture d;
@@ -65,8 +55,8 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
     ASSERT_EQ(etf.size(), 1u);
     ASSERT_EQ(etr.size(), 1u);
     EXPECT_EQ(read_file(etf[0]), trace_bytes(65536));
-    EXPECT_EQ(size_of(etr[0]), 1048576);
-    EXPECT_EQ(mode_of(modem[0]), 0400u);
+    EXPECT_EQ(std::filesystem::file_size(etr[0]), 1048576u);
+    EXPECT_EQ(std::filesystem::status(modem[0]).permissions(), std::filesystem::perms::owner_read);
 
     // A shared-memory dump is saved but wakes no sink dump.
     r = d.vornsim({"crash", d.path(), "smem", "--size", "4096"});
@@ -85,15 +75,8 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
 
     // GPU hang: the snapshot file and its notice.
     ASSERT_EQ(d.vornsim({"gpu-hang", d.path()}).exit_status, 0);
-    std::string notice;
-    ASSERT_TRUE(wait_until(
-        [&] {
-            for (const std::string &b : d.broadcasts())
-                if (b.find("ZIP GPU") != std::string::npos)
-                    notice = b;
-            return !notice.empty();
-        },
-        10000, 50));
+    std::string notice = d.wait_for_broadcast("ZIP GPU");
+    ASSERT_FALSE(notice.empty());
     auto snaps = d.files("/sdcard/logs/GPU/dump", "dump_1.bin.");
     ASSERT_EQ(snaps.size(), 1u);
     EXPECT_EQ(read_file(snaps[0]), gpu_snapshot_bytes(1));
@@ -139,14 +122,9 @@ TEST(SimCrashTest, CrashesHangsAndLogsOfOneSession) {
         ASSERT_EQ(d.vornsim({"log", d.path(), "system", "W", "Filler", std::string(1000, 'f')})
                       .exit_status,
                   0);
-    std::string text;
+    std::string text, adb = d.at("/sdcard/logs/Adb");
     ASSERT_TRUE(wait_until(
-        [&] {
-            text.clear();
-            for (const std::string &f : d.files("/sdcard/logs/Adb", "main"))
-                text += read_file(f);
-            return text.find("hello from the sim") != std::string::npos;
-        },
+        [&] { return (text = dir_contents(adb)).find("hello from the sim") != std::string::npos; },
         10000, 100))
         << text << d.log();
     EXPECT_NE(text.find("I/SimApp"), std::string::npos) << text;
@@ -177,15 +155,9 @@ TEST(SimOldPhoneTest, LoggerEntriesBecomeLinesAndElevenRamdumpsAreTooMany) {
     ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "W", "RILJ", "first\nsecond"}).exit_status, 0);
     ASSERT_TRUE(d.start()) << d.log();
     ASSERT_EQ(d.vornsim({"log", d.path(), "radio", "E", "RILJ", "third"}).exit_status, 0);
-    std::string text;
+    std::string text, adb = d.at("/sdcard/logs/Adb");
     ASSERT_TRUE(wait_until(
-        [&] {
-            text.clear();
-            for (const std::string &f : d.files("/sdcard/logs/Adb", "radio"))
-                text += read_file(f);
-            return text.find("third") != std::string::npos;
-        },
-        10000, 100))
+        [&] { return (text = dir_contents(adb)).find("third") != std::string::npos; }, 10000, 100))
         << text << d.log();
     // One header per line of a message, in the order written.
     size_t first = text.find("W/RILJ    (");

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -21,11 +21,7 @@ TEST(StartupTest, HelpVersionAndUsageErrors) {
     EXPECT_EQ(version.out.rfind("vornd ", 0), 0u);
     for (std::string bad : {"--bogus", "--root", "extra", "--log-level", "--log-level X",
                             "--log-level=F", "--log-level DE"}) {
-        std::vector<std::string> argv = {vornd};
-        std::istringstream words(bad);
-        for (std::string w; words >> w;)
-            argv.push_back(w);
-        ProcessResult r = run_process(argv, 5000);
+        ProcessResult r = run_process(words_of(vornd + " " + bad), 5000);
         EXPECT_EQ(r.exit_status, 2) << bad;
         EXPECT_NE(r.err.find("Usage: vornd"), std::string::npos) << bad;
     }
@@ -69,8 +65,7 @@ TEST(StartupTest, BindFailureReachesTheServingLoopAndEndsAtAccept) {
     // The revert copied the system file into place before the socket.
     EXPECT_TRUE(d.exists("/data/vorn-conf.xml"));
     // Every line on stderr is a threadtime log line.
-    std::istringstream in(d.log());
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string &line : lines_of(d.log())) {
         EXPECT_TRUE(line.size() > 33 && line[2] == '-' && line[5] == ' ' && line[8] == ':' &&
                     line[14] == '.')
             << line;

@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/support/conf_text.h"
 #include "tests/support/daemon_fixture.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -24,14 +24,6 @@ std::string node(const std::string &name, const std::string &dir, int enable, in
     return "  <" + name + " logname=\"" + name + "\" enable=\"" + std::to_string(enable) +
            "\" logtype=\"128\" size=\"" + std::to_string(size) + "\" log_provider=\"" + provider +
            "\" log_filepath=\"" + dir + "/" + dir + "\"/>\n";
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
 }
 
 class VornctlLiveTest : public ::testing::Test {

@@ -1,5 +1,5 @@
-// The host logger's threadtime lines: layout, cutting, several lines in one
-// message, the ids after a fork, and lines kept in a batch.
+// The host logger's threadtime lines: layout, cutting, the ids after a fork,
+// several lines in one message, and lines kept in a batch.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -80,34 +81,6 @@ TEST(LogFormat, OtherThreadsAndForkedChildrenPrintTheirOwnIds) {
     EXPECT_EQ(line, expected(line, getpid(), tid, 'W', "vornd", "thread"));
 }
 
-TEST(LogFormat, StderrLoggerPrintsEachLineOfAMessageWithItsHeader) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    int saved = dup(STDERR_FILENO);
-    dup2(fds[1], STDERR_FILENO);
-    __android_logger_data data{sizeof data, LOG_ID_SYSTEM, ANDROID_LOG_DEBUG, "vornd", nullptr, 0};
-    vorn_log_stderr_logger(&data, "first\nsecond\n\nthird\n");
-    vorn_log_stderr_logger(&data, "");
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(fds[1]);
-    char buf[1024];
-    ssize_t n = read(fds[0], buf, sizeof buf);
-    close(fds[0]);
-    ASSERT_GT(n, 0);
-    std::string out(buf, static_cast<size_t>(n));
-    std::vector<std::string> lines;
-    for (size_t at = 0, nl; (nl = out.find('\n', at)) != std::string::npos; at = nl + 1)
-        lines.push_back(out.substr(at, nl - at));
-    ASSERT_EQ(lines.size(), 4u) << out;
-    const char *texts[] = {"first", "second", "third", ""};
-    for (size_t i = 0; i < 4; i++) {
-        size_t at = lines[i].find(" D vornd   : ");
-        ASSERT_NE(at, std::string::npos) << lines[i];
-        EXPECT_EQ(lines[i].substr(at + 13), std::string(texts[i])) << lines[i];
-    }
-}
-
 // What a pipe standing in for stderr holds now (nothing blocks).
 class StderrPipe {
   public:
@@ -147,7 +120,7 @@ std::vector<std::string> texts_of(const std::string &out) {
     return texts;
 }
 
-TEST(LogFormat, BatchWritesItsLinesAtItsEndInOrderAndHoldsNoOtherThreads) {
+TEST(LogFormat, StderrLinesEachWithItsHeaderAndBatchesWrittenAtTheirEnd) {
     StderrPipe err;
     __android_logger_data data{sizeof data, LOG_ID_SYSTEM, ANDROID_LOG_DEBUG, "vornd", nullptr, 0};
     std::string big(4050, 'b');  // a line that fits only an empty batch
@@ -174,8 +147,15 @@ TEST(LogFormat, BatchWritesItsLinesAtItsEndInOrderAndHoldsNoOtherThreads) {
         vorn_log_stderr_logger(&data, "outer again");
     }
     EXPECT_EQ(texts_of(err.take()), (std::vector<std::string>{"outer", "inner", "outer again"}));
-    vorn_log_stderr_logger(&data, "after");
-    EXPECT_EQ(texts_of(err.take()), std::vector<std::string>{"after"});
+
+    // Out of a batch: each line of a message with its header, blank lines
+    // dropped, an empty message kept as one line.
+    vorn_log_stderr_logger(&data, "first\nsecond\n\nthird\n");
+    vorn_log_stderr_logger(&data, "");
+    std::string out = err.take();
+    EXPECT_EQ(texts_of(out), (std::vector<std::string>{"first", "second", "third", ""}));
+    for (const std::string &line : lines_of(out))
+        EXPECT_NE(line.find(" D vornd   : "), std::string::npos) << line;
 }
 
 }  // namespace

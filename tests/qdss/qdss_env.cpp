@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -89,13 +87,5 @@ std::string qdss_pattern(size_t size, uint64_t seed) {
 }
 
 std::string qdss_files(const std::string &device_dir) {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto &e : std::filesystem::directory_iterator(qdss_root().at(device_dir), ec))
-        names.push_back(e.path().string());
-    std::sort(names.begin(), names.end());
-    std::string all;
-    for (const std::string &n : names)
-        all += read_file(n);
-    return all;
+    return dir_contents(qdss_root().at(device_dir));
 }

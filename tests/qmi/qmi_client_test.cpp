@@ -57,12 +57,6 @@ TEST_F(QmiClientTest, RequestsShareOneConnectionUntilRelease) {
 }
 
 TEST_F(QmiClientTest, InitFailures) {
-    // The service description is handed out for exactly 1.0 and tool 6.
-    EXPECT_NE(qdss_get_service_object_internal_v01(1, 0, 6), nullptr);
-    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 1, 6), nullptr);
-    EXPECT_EQ(qdss_get_service_object_internal_v01(2, 0, 6), nullptr);
-    EXPECT_EQ(qdss_get_service_object_internal_v01(1, 0, 5), nullptr);
-
     EXPECT_EQ(qmi_qdss_client_init(11), QMI_QDSS_INVALID_ID);
     EXPECT_EQ(qmi_qdss_client_init(0xffffffffu), QMI_QDSS_INVALID_ID);
     EXPECT_FALSE(log.has_containing("qmi_client_init failed"));

@@ -14,7 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
+
+#include "tests/support/text.h"
+#include "tests/support/wait.h"
 
 std::string build_binary(const char *name) {
     return std::string(VORN_BINARY_DIR) + "/" + name;
@@ -25,8 +27,7 @@ DaemonFixture::DaemonFixture() : stderr_path_(at("/host/vornd.stderr")) {
         mkdir(d);
     symlink("/bin/sh", at("/system/bin/sh").c_str());
     write("/system/build.prop", "ro.build.type=userdebug\n");
-    write("/host/bin/am", "#!/bin/sh\necho \"$*\" >>'" + at("/host/am.log") + "'\nexit $(cat '" +
-                              at("/host/am.status") + "' 2>/dev/null || echo 0)\n");
+    write("/host/bin/am", "#!/bin/sh\necho \"$*\" >>'" + at("/host/am.log") + "'\n");
     chmod(at("/host/bin/am").c_str(), 0755);
 }
 
@@ -44,16 +45,21 @@ DaemonFixture::~DaemonFixture() {
     }
 }
 
-void DaemonFixture::set_am_exit_status(int status) const {
-    write("/host/am.status", std::to_string(status) + "\n");
+std::vector<std::string> DaemonFixture::broadcasts() const {
+    return lines_of(read("/host/am.log"));
 }
 
-std::vector<std::string> DaemonFixture::broadcasts() const {
-    std::vector<std::string> out;
-    std::istringstream in(read("/host/am.log"));
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
+std::string DaemonFixture::wait_for_broadcast(std::string_view text, int timeout_ms) const {
+    std::string found;
+    wait_until(
+        [&] {
+            for (const std::string &b : broadcasts())
+                if (b.find(text) != std::string::npos)
+                    found = b;
+            return !found.empty();
+        },
+        timeout_ms, 50);
+    return found;
 }
 
 bool DaemonFixture::start(int timeout_ms, const std::vector<std::string> &args) {
@@ -145,11 +151,9 @@ std::string DaemonFixture::wait_for_log(std::string_view text, int timeout_ms, s
 
 std::vector<std::string> DaemonFixture::log_lines(std::string_view text, size_t from) const {
     std::vector<std::string> out;
-    std::istringstream in(log(from));
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string &line : lines_of(log(from)))
         if (line.find(text) != std::string::npos)
             out.push_back(line);
-    }
     return out;
 }
 

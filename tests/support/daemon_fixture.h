@@ -46,10 +46,11 @@ class DaemonFixture : public TempRoot {
     // Counts the saves of the working copy from now on.
     FileSaves working_saves() const { return FileSaves(at("/data"), "vorn-conf.xml"); }
 
-    // The recording am: every run appends its arguments as one line and exits
-    // with the given status (0 until changed).
-    void set_am_exit_status(int status) const;
+    // The lines of the recording am: the arguments of each run.
     std::vector<std::string> broadcasts() const;
+    // Waits for a broadcast containing text; returns the last such line, or
+    // "" on timeout.
+    std::string wait_for_broadcast(std::string_view text, int timeout_ms = 10000) const;
 
     // Starts vornd --root <root> and any further args, and waits until it
     // listens: its "After listen" line, or a connection it accepts when args

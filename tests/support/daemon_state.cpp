@@ -2,7 +2,6 @@
 
 #include <libxml/tree.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "core/config.h"

@@ -1,8 +1,6 @@
 // Helpers for tests that load configurations into the daemon's globals.
 #pragma once
 
-#include <string>
-
 #include "tests/support/conf_text.h"
 #include "tests/support/temp_root.h"
 

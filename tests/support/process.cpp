@@ -7,6 +7,8 @@
 
 #include <filesystem>
 
+#include "tests/support/temp_root.h"
+
 namespace {
 // Output goes to memory files, so that children left behind holding them
 // never delay the result.
@@ -88,6 +90,18 @@ ProcessResult run_process(const std::vector<std::string> &argv, int timeout_ms) 
     r.out = contents(out);
     r.err = contents(err);
     return r;
+}
+
+bool process_gone(pid_t pid) {
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return stat.empty() || (paren != std::string::npos && stat[paren + 2] == 'Z');
+}
+
+long resident_kib(pid_t pid) {
+    std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
 }
 
 size_t open_fds_naming(const std::string &needle) {

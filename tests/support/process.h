@@ -38,3 +38,7 @@ class BackgroundProcess {
 
 // Descriptors of this process open on a path containing needle ("": all).
 size_t open_fds_naming(const std::string &needle);
+// True when pid has exited, or is a zombie whose parent is gone too.
+bool process_gone(pid_t pid);
+// Resident memory of a process in KiB, or -1.
+long resident_kib(pid_t pid);

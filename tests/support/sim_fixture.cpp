@@ -1,8 +1,5 @@
 #include "tests/support/sim_fixture.h"
 
-#include <algorithm>
-#include <filesystem>
-
 #include "sim/devfs.h"
 
 SimDaemonFixture::SimDaemonFixture() {
@@ -35,10 +32,8 @@ ProcessResult SimDaemonFixture::vornsim(const std::vector<std::string> &args) co
 std::vector<std::string> SimDaemonFixture::files(const std::string &device_dir,
                                                  const std::string &prefix) const {
     std::vector<std::string> out;
-    std::error_code ec;
-    for (const auto &e : std::filesystem::directory_iterator(at(device_dir), ec))
-        if (e.path().filename().string().rfind(prefix, 0) == 0)
-            out.push_back(e.path().string());
-    std::sort(out.begin(), out.end());
+    for (const std::string &name : list_dir(at(device_dir)))
+        if (name.rfind(prefix, 0) == 0)
+            out.push_back(at(device_dir) + "/" + name);
     return out;
 }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -57,6 +58,22 @@ std::string read_file(const std::string &path) {
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+std::vector<std::string> list_dir(const std::string &host_dir) {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto &e : fs::directory_iterator(host_dir, ec))
+        names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string dir_contents(const std::string &host_dir) {
+    std::string all;
+    for (const std::string &name : list_dir(host_dir))
+        all += read_file(host_dir + "/" + name);
+    return all;
 }
 
 void write_file(const std::string &path, std::string_view content) {

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 class TempRoot {
   public:
@@ -29,3 +30,7 @@ class TempRoot {
 std::string read_file(const std::string &path);
 // Writes a whole host file, creating its parent directories.
 void write_file(const std::string &path, std::string_view content);
+// The names in a host directory, sorted (none when it is missing).
+std::vector<std::string> list_dir(const std::string &host_dir);
+// Every file of a host directory, concatenated in name order.
+std::string dir_contents(const std::string &host_dir);
