@@ -241,14 +241,14 @@ int main(int argc, char **argv) {
     for (int r = 0; r < runs; r++) {
         // Fresh copy for mini_zip, which removes its source.
         fs::remove_all(root);
-        fs::create_directories(root + "/data");
-        fs::copy(input, root + "/data/dump", fs::copy_options::recursive);
+        fs::create_directories(root + "/sdcard/logs");
+        fs::copy(input, root + "/sdcard/logs/dump", fs::copy_options::recursive);
         sync();
 
         auto *msg = static_cast<vorn_ctrl_msg *>(calloc(1, sizeof(vorn_ctrl_msg)));
         msg->msg_type = VORN_MSG_ARCHIVE;
         snprintf(msg->logname, sizeof msg->logname, "bench");
-        snprintf(msg->mask, sizeof msg->mask, "/data/dump");
+        snprintf(msg->mask, sizeof msg->mask, "/sdcard/logs/dump");
         double c0 = cpu_seconds();
         auto t0 = std::chrono::steady_clock::now();
         mini_zip(msg);
@@ -256,7 +256,7 @@ int main(int argc, char **argv) {
         c_ours.push_back(cpu_seconds() - c0);
         std::error_code ec;
         size_ours = fs::file_size(archive, ec);
-        if (ec || fs::exists(root + "/data/dump")) {
+        if (ec || fs::exists(root + "/sdcard/logs/dump")) {
             fprintf(stderr, "mini_zip did not archive the input\n");
             return 1;
         }
