@@ -50,7 +50,7 @@ const char *kConf = R"(<vornconf version="1">
   <AdbEvents logname="AdbEvents" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="Adb/events"/>
   <Dmesg logname="Dmesg" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="Dmesg/dmesg"/>
   <RPM logname="RPM" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="RPM/rpm"/>
-  <QDSS logname="QDSS" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="QDSS/qdss"/>
+  <QDSS logname="QDSS" enable="1" logtype="0" log_provider="/dev/byte-cntr" log_filepath="QDSS/qdss" mask="/data/qdss.mask"/>
   <QXDM logname="QXDM" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="QXDM/qxdm"/>
   <WlanTcp logname="WlanTcp" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="Wlan/tcp"/>
   <DataTcp logname="DataTcp" enable="1" logtype="128" log_provider="exec sleep 100000" log_filepath="Data/tcp"/>
@@ -142,6 +142,16 @@ int main(int argc, char **argv) {
         fs::create_symlink("/bin/sh", root + "/system/bin/sh");
         std::ofstream(root + "/system/build.prop") << "ro.build.version.sdk=28\n";
         std::ofstream(root + "/etc/vorn-conf.xml") << kConf;
+        // A trace device that never delivers (a FIFO nobody writes), trace
+        // blocks that are off, and a mask with nothing to program.
+        mkfifo((root + "/dev/byte-cntr").c_str(), 0600);
+        std::ofstream(root + "/data/qdss.mask") << "# nothing to program\n";
+        for (const char *f :
+             {"coresight-stm/enable", "coresight-stm/hwevent_enable", "coresight-hwevent/enable"}) {
+            std::string path = root + "/sys/bus/coresight/devices/" + f;
+            fs::create_directories(fs::path(path).parent_path());
+            std::ofstream(path) << "0\n";
+        }
         logds.push_back(std::make_unique<FakeLogd>(root + "/dev/socket/logdr"));
         daemons.push_back(spawn({vornd, "--root", root}));
         sleeps.push_back(spawn({"sleep", std::to_string(seconds + 60)}));

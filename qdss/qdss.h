@@ -22,6 +22,7 @@
 #define QDSS_HANDLER_SECONDS 5  // the message handler's pause
 #define QDSS_OPEN_TRIES 3
 #define QDSS_CONFIGURE_TRIES 3
+#define QDSS_IMMEDIATE_RETRIES 3  // the handler's retries at once after a failed enable
 
 struct qdss_state {
     vorn_node *node = nullptr;  // the QDSS node, set when its threads start

@@ -72,11 +72,18 @@ handler_step look_at_node(qdss_state *s) {
 void *qdss_msg_handler(void *state) {
     auto *s = static_cast<qdss_state *>(state);
     VLOGD("QDSS message handler start.");
+    int retries = 0;
     for (;;) {
-        // A reset or configuration that failed is tried again at once, for
-        // as long as the node stays enabled.
-        if (look_at_node(s) == handler_step::pause)
-            sleep(QDSS_HANDLER_SECONDS);
+        // A reset or configuration that failed is tried again at once, a
+        // few times; one that keeps failing (no mask file, a trace block
+        // that does not answer) goes on at the handler's pace instead of
+        // spinning a core for as long as the node stays enabled.
+        if (look_at_node(s) == handler_step::retry_now && retries < QDSS_IMMEDIATE_RETRIES) {
+            retries++;
+            continue;
+        }
+        retries = 0;
+        sleep(QDSS_HANDLER_SECONDS);
     }
     return nullptr;
 }
