@@ -231,10 +231,7 @@ void capture_logd(vorn_node *node) {
         node->worker_thread = static_cast<uint64_t>(pthread_self());
     }
     install_selfsig_handler();
-    char root[VORN_LOG_PATH_LEN];
-    copy_log_root(root);
-    wait_log_dir(root, 0);
-    scan_file_logpath(node->log_filepath, VORN_KEEP_FILES - 1);
+    prepare_log_root(node);
 
     for (;;) {
         sleep(VORN_POLL_SECONDS);

@@ -44,10 +44,7 @@ class pipe_worker {
             vorn_node_guard g(node_);
             node_->worker_thread = static_cast<uint64_t>(pthread_self());
         }
-        char root[VORN_LOG_PATH_LEN];
-        copy_log_root(root);
-        wait_log_dir(root, 0);
-        scan_file_logpath(node_->log_filepath, VORN_KEEP_FILES - 1);
+        prepare_log_root(node_);
 
         for (;;) {
             const char *provider = idle_poll();

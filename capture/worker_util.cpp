@@ -147,3 +147,10 @@ void ensure_prelog_output(vorn_node *node, vorn_log_file *file, char *path, prel
         prelog_alloc(pre);
     }
 }
+
+void prepare_log_root(const vorn_node *node) {
+    char root[VORN_LOG_PATH_LEN];
+    copy_log_root(root);
+    wait_log_dir(root, 0);
+    scan_file_logpath(node->log_filepath, VORN_KEEP_FILES - 1);
+}

@@ -68,3 +68,7 @@ void ensure_prelog_output(vorn_node *node, vorn_log_file *file, char *path, prel
 // Copies the log root (gbl_config's log_path, a device path) under
 // gbl_config_mutex; out holds VORN_LOG_PATH_LEN bytes.
 void copy_log_root(char *out);
+
+// A worker's start: waits for the log root without limit, then prunes the
+// node's old files to nine, so that the file it opens first is the tenth.
+void prepare_log_root(const vorn_node *node);

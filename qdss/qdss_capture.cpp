@@ -33,10 +33,7 @@ class qdss_reader {
             node_->worker_thread = static_cast<uint64_t>(pthread_self());
         }
         install_selfsig_handler();
-        char root[VORN_LOG_PATH_LEN];
-        copy_log_root(root);
-        wait_log_dir(root, 0);
-        scan_file_logpath(node_->log_filepath, VORN_KEEP_FILES - 1);
+        prepare_log_root(node_);
         for (int i = 0; i < QDSS_START_BLOCKS; i++) {
             if (qdss_block *b = new_block()) {
                 s_->free_list.append(b);
