@@ -42,10 +42,13 @@ void log_time_stamp(char *buf) {
 }
 
 int prepare_upload_archive(char *name, size_t len, const char *logname, const char *src) {
-    // Read without gbl_config_mutex: a path change at this moment can only move
-    // this one archive.
+    // Under the lock: a path change read half way would name an upload area
+    // made of two paths.
     char log_path[VORN_LOG_PATH_LEN];
-    snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
+    {
+        gbl_config_guard g;
+        snprintf(log_path, sizeof log_path, "%s", gbl_config.log_path);
+    }
     char upload_dir[VORN_UPLOAD_PATH_MAX];
     snprintf(upload_dir, sizeof upload_dir, "%s", archive_upload_dir(log_path, logname).c_str());
     wait_log_dir(upload_dir, 1);

@@ -352,7 +352,12 @@ int rotate_log_files(const char *dir, const char *prefix, int keep) {
 
 int scan_file_logpath(const char *log_filepath, int keep) {
     const char *filepath = log_filepath ? log_filepath : "";
-    std::string root = log_root();
+    // Under the lock: a log-path change from the socket may be under way.
+    std::string root;
+    {
+        gbl_config_guard guard;
+        root = log_root();
+    }
     size_t len = root.size() + 1 + strlen(filepath) + 1;
     char *full = static_cast<char *>(malloc(len));
     if (full == nullptr) {
